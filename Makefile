@@ -1,0 +1,55 @@
+# Convenience targets around CMake. `make demo` and `make test` are the two
+# commands a newcomer needs; both install missing Debian packages first.
+
+JOBS ?= $(shell nproc)
+CMAKE_FLAGS ?=
+SANITIZE_FLAGS = -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer
+TSAN_FLAGS = -fsanitize=thread -fno-omit-frame-pointer
+
+.PHONY: all deps build demo test test-normal test-asan test-tsan bench install clean
+
+all: build
+
+deps:
+	@scripts/install-deps.sh
+
+build: deps
+	@cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOCP_API_WERROR=ON $(CMAKE_FLAGS) >/dev/null
+	@cmake --build build -j $(JOBS)
+
+demo: build
+	./build/examples/frames_tour
+
+# The whole suite three ways: a normal build, AddressSanitizer with
+# UndefinedBehaviorSanitizer, and ThreadSanitizer on the threaded tests.
+test: test-normal test-asan test-tsan
+
+test-normal: build
+	cd build && ctest --output-on-failure -j $(JOBS)
+
+test-asan: deps
+	@cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DOCP_API_WERROR=ON \
+	  -DOCP_API_BUILD_EXAMPLES=OFF -DOCP_API_PACKAGE_TEST=OFF \
+	  -DCMAKE_CXX_FLAGS="$(SANITIZE_FLAGS)" -DCMAKE_EXE_LINKER_FLAGS="$(SANITIZE_FLAGS)" >/dev/null
+	@cmake --build build-asan -j $(JOBS)
+	cd build-asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+	  ctest --output-on-failure -j $(JOBS)
+
+test-tsan: deps
+	@cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DOCP_API_WERROR=ON \
+	  -DOCP_API_THREADED_TESTS_ONLY=ON -DOCP_API_PACKAGE_TEST=OFF \
+	  -DCMAKE_CXX_FLAGS="$(TSAN_FLAGS)" -DCMAKE_EXE_LINKER_FLAGS="$(TSAN_FLAGS)" >/dev/null
+	@cmake --build build-tsan -j $(JOBS)
+	cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest --output-on-failure -j $(JOBS) -L threaded
+
+bench: deps
+	@cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DOCP_API_BUILD_BENCHMARKS=ON \
+	  -DOCP_API_BUILD_TESTS=OFF -DOCP_API_BUILD_EXAMPLES=OFF >/dev/null
+	@cmake --build build-bench -j $(JOBS)
+	./build-bench/bench/ocp_api_bench
+
+install: build
+	cmake --install build
+
+clean:
+	rm -rf build build-asan build-tsan build-bench

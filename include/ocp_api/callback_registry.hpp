@@ -1,0 +1,48 @@
+// A per-address table of receive callbacks that keeps the OCP removal promise.
+// Transports (the project's and hosts' own) use it to dispatch replies.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "ocp_api/ocp.hpp"
+
+namespace ocp_api {
+
+// Thread-safe. dispatch() runs the callback without holding the table's lock,
+// so a callback may call set(), remove() or dispatch() itself.
+//
+// remove() waits until calls of the removed callback running on other threads
+// have returned, so the callback's owner may be destroyed right after it; a
+// call made from inside the callback itself is not waited for (it could never
+// finish), and the callback is not called again once it returns.
+class CallbackRegistry {
+public:
+    CallbackRegistry() = default;
+    CallbackRegistry(const CallbackRegistry&) = delete;
+    CallbackRegistry& operator=(const CallbackRegistry&) = delete;
+
+    void set(int address, OCP::ReceiveCallback callback);
+    void remove(int address);
+    void clear();
+
+    // Calls the callback of `address`, if one is registered; returns whether it did.
+    bool dispatch(int address, std::vector<uint8_t> bytes, int kind);
+
+    bool has(int address) const;
+    std::size_t size() const;
+
+private:
+    struct Slot;
+    void wait_for_other_callers(std::unique_lock<std::mutex>& lock, const std::shared_ptr<Slot>& slot);
+
+    mutable std::mutex mutex_;
+    std::condition_variable idle_;
+    std::map<int, std::shared_ptr<Slot>> slots_;
+};
+
+}  // namespace ocp_api

@@ -1,0 +1,177 @@
+// The wire format: command codes, reply record codes, record layouts and the
+// helpers that encode and decode them. This is the only place where a code,
+// a record length or a wire type is written down; the actuator driver and the
+// emulated devices both build and read their bytes through it.
+//
+// All multi-byte values are little-endian; floats are IEEE 754 single precision.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "ocp_api/identifiers.hpp"
+
+namespace ocp_api {
+
+// Appends the 4 bytes of `value` to `bytes`, least significant byte first.
+void append_float(std::vector<uint8_t>& bytes, float value);
+
+namespace wire {
+
+using Frame = std::vector<uint8_t>;
+
+// First byte of a command frame (host to device).
+enum class Command : uint8_t {
+    START = 0x01,
+    STOP = 0x02,
+    SET_MODE = 0x03,
+    SET_SETPOINT = 0x04,
+    SET_FEEDBACK_RATE = 0x06,
+    SET_FEEDBACK_ITEMS = 0x07,
+    SET_HOME_POSITION = 0x0A,
+    SET_PARAMETERS = 0x0B,
+    GET_PARAMETERS = 0x0C,
+    SET_TORQUE_PERFORMANCE = 0x0D,
+    SET_SPEED_PERFORMANCE = 0x0E,
+    GET_ITEMS = 0x0F,
+    SET_SETPOINT_EXT = 0x10,
+    SET_TORQUE_SETPOINT = 0x11,
+    SET_SPEED_SETPOINT = 0x12,
+    SET_POSITION_SETPOINT = 0x13,
+    SET_IMPEDANCE_SETPOINT = 0x14,
+    SET_SPEED_SETPOINT_INTERNAL = 0x15,
+    SET_POSITION_SETPOINT_INTERNAL = 0x16,
+    SAVE_CONFIG = 0x39,
+    PING = 0x40,
+    BLINK = 0x41,
+    ENTER_BOOTLOADER = 0xC1,
+    CLEAR_CONFIG = 0xC2,
+};
+
+// First byte of a record in a reply buffer (device to host). Item records use
+// the OCP_Items code itself as their record code.
+enum class RecordCode : uint8_t {
+    RECORD_END = 0x00,
+    PING_REPLY = 0x80,
+    ERROR_FLAGS = 0x82,
+    PARAMETERS = 0x83,
+};
+
+// Third argument of the transport's receive callback.
+inline constexpr int REPLY_STREAMED = 0;   // streamed feedback
+inline constexpr int REPLY_REQUESTED = 1;  // answer to GET_ITEMS
+
+// Item, ping-reply, error and parameter records are all 5 bytes: a code byte and
+// a 4-byte value (or, for a ping reply, two 16-bit words).
+inline constexpr std::size_t RECORD_SIZE = 5;
+inline constexpr std::size_t PING_MODEL_OFFSET = 1;
+inline constexpr std::size_t PING_FIRMWARE_OFFSET = 3;
+
+// A SET_PARAMETERS or GET_PARAMETERS frame carries at most this many entries.
+inline constexpr std::size_t MAX_PARAMETERS_PER_FRAME = 9;
+
+// The feedback period on the wire counts units of 100 us.
+inline constexpr int PERIOD_UNITS_PER_SECOND = 10000;
+inline constexpr int MAX_FEEDBACK_RATE_HZ = 10000;
+
+// Number of float arguments that follow the code byte of each setpoint command.
+inline constexpr std::size_t SETPOINT_FLOATS = 1;
+inline constexpr std::size_t SETPOINT_EXT_FLOATS = 3;
+inline constexpr std::size_t TORQUE_SETPOINT_FLOATS = 5;
+inline constexpr std::size_t SPEED_SETPOINT_FLOATS = 5;
+inline constexpr std::size_t POSITION_SETPOINT_FLOATS = 6;
+inline constexpr std::size_t IMPEDANCE_SETPOINT_FLOATS = 8;
+inline constexpr std::size_t SPEED_SETPOINT_INTERNAL_FLOATS = 4;
+inline constexpr std::size_t POSITION_SETPOINT_INTERNAL_FLOATS = 9;
+
+// How the 4 value bytes of an item or parameter record are to be read.
+enum class ValueType : uint8_t {
+    F32,   // IEEE 754 single
+    U32,   // unsigned 32-bit integer, converted to float by value
+    I32,   // signed 32-bit integer, converted to float by value
+    MODE,  // sent as a float, truncated toward zero on receipt
+};
+
+// --- frame building -------------------------------------------------------
+
+Frame make_frame(Command command);
+void append_u8(Frame& frame, uint8_t value);
+void append_u16(Frame& frame, uint16_t value);
+void append_u32(Frame& frame, uint32_t value);
+
+// --- reading ----------------------------------------------------------------
+// The caller guarantees that the bytes exist.
+
+uint16_t read_u16(const uint8_t* bytes);
+uint32_t read_u32(const uint8_t* bytes);
+float read_f32(const uint8_t* bytes);
+float float_from_bits(uint32_t word);
+uint32_t bits_from_float(float value);
+
+// --- items ------------------------------------------------------------------
+
+bool is_item_code(uint8_t code);
+ValueType item_value_type(uint8_t code);
+// Host side: the float that a 4-byte item value stands for.
+float decode_item_value(uint8_t code, uint32_t word);
+// Device side: the 4-byte word that carries `value` for this item.
+uint32_t encode_item_value(uint8_t code, float value);
+// Device side: appends a whole 5-byte item record.
+void append_item_record(Frame& frame, OCP_Items item, float value);
+
+// --- parameters -------------------------------------------------------------
+
+ValueType parameter_value_type(uint8_t code);
+float decode_parameter_value(uint8_t code, uint32_t word);
+uint32_t encode_parameter_value(uint8_t code, float value);
+// Host side: identifier byte and the float's 4 bytes, whatever the parameter's
+// receive type (the device reads integer parameters from the float it gets).
+void append_parameter_record(Frame& frame, OCP_Parameters parameter, float value);
+// Device side: identifier byte and the value in the parameter's wire type.
+void append_typed_parameter_record(Frame& frame, OCP_Parameters parameter, float value);
+
+// --- rates, versions, errors -----------------------------------------------
+
+// Feedback period in 100 us units for a rate in Hz: rounded integer division,
+// 0 for 0 Hz. `hz` must be in 0..MAX_FEEDBACK_RATE_HZ.
+uint32_t feedback_period_from_hz(int hz);
+
+// Firmware version word: bits 15..11 major, 10..6 minor, 5..0 patch.
+uint16_t firmware_word(unsigned major, unsigned minor, unsigned patch);
+std::string firmware_version_text(uint16_t word);
+
+// Error bits that the device reports and their descriptions; bits >= 16 are
+// severe (the default reaction stops the actuator).
+struct ErrorBit {
+    int bit;
+    const char* description;
+};
+inline constexpr int FIRST_SEVERE_ERROR_BIT = 16;
+inline constexpr ErrorBit ERROR_BITS[] = {
+    {0, "Overtemperature"},
+    {2, "Position reference maximum"},
+    {3, "Position reference minimum"},
+    {4, "Speed feedback maximum"},
+    {5, "VBUS out of range"},
+    {6, "Torque reference maximum"},
+    {7, "Torque feedback maximum"},
+    {8, "Position feedback maximum"},
+    {9, "Position feedback minimum"},
+    {12, "Control overrun"},
+    {16, "Current maximum"},
+    {17, "Invalid limits"},
+    {29, "VBUS critical range"},
+    {30, "Internal encoder error"},
+    {31, "External encoder error"},
+};
+
+// Addresses an actuator may take on the bus.
+inline constexpr int MIN_DEVICE_ADDRESS = 0x10;
+inline constexpr int MAX_DEVICE_ADDRESS = 0x3FFE;
+inline constexpr int ADAPTER_ADDRESS = 0;
+bool is_valid_device_address(int address);
+
+}  // namespace wire
+}  // namespace ocp_api

@@ -1,0 +1,37 @@
+// The library's diagnostic lines. Each is assembled first and written with one
+// call, then flushed, so lines from the receive thread and the host's threads
+// never interleave mid-line.
+#pragma once
+
+#include <iosfwd>
+#include <sstream>
+#include <string>
+
+namespace ocp_api::detail {
+
+void write_line(std::ostream& stream, const std::string& text);
+
+// Assembles a diagnostic with stream syntax: error_line() << "Rate " << hz;
+// the line goes to standard error when the temporary dies.
+class ErrorLine {
+public:
+    ErrorLine() = default;
+    ErrorLine(const ErrorLine&) = delete;
+    ErrorLine& operator=(const ErrorLine&) = delete;
+    ~ErrorLine();
+
+    template <typename T>
+    ErrorLine& operator<<(const T& value) {
+        text_ << value;
+        return *this;
+    }
+    ErrorLine& operator<<(std::ios_base& (*manipulator)(std::ios_base&)) {
+        text_ << manipulator;
+        return *this;
+    }
+
+private:
+    std::ostringstream text_;
+};
+
+}  // namespace ocp_api::detail

@@ -1,0 +1,87 @@
+// Lifecycle of a physical actuator: construction, liveness, start and stop,
+// host callbacks and accessors.
+#include "ocp_api/orrery_actuator.hpp"
+
+#include "common/timing.hpp"
+
+namespace ocp_api {
+
+const std::vector<std::string> OrreryActuator::MODELS_NAMES(MODEL_NAME_TABLE.begin(), MODEL_NAME_TABLE.end());
+
+OrreryActuator::OrreryActuator(OCP& transport, int address) : transport_(transport), address_(address) {
+    feedback_.max_load_factor(1.0f);
+    requested_items_.max_load_factor(1.0f);
+    parameters_.max_load_factor(1.0f);
+    error_callback_ = std::make_shared<const ErrorCallback>(
+        [this](int source, ErrorMap errors) { default_error_callback(source, errors); });
+    transport_.setCallback(address, [this](int source, std::vector<uint8_t> bytes, int kind) {
+        can_callback(source, std::move(bytes), kind);
+    });
+}
+
+OrreryActuator::~OrreryActuator() {
+    stop();
+    transport_.removeCallback(address_.load());
+}
+
+bool OrreryActuator::send_ping(float timeout_s) {
+    ping_answered_.store(false);
+    send_command(wire::Command::PING);
+    return detail::poll_until(timeout_s, detail::PING_POLL_PERIOD, [this] { return ping_answered_.load(); });
+}
+
+bool OrreryActuator::connect(float timeout_s) {
+    connected_.store(send_ping(timeout_s));
+    return connected_.load();
+}
+
+void OrreryActuator::start() { send_command(wire::Command::START); }
+
+void OrreryActuator::stop() { send_command(wire::Command::STOP); }
+
+void OrreryActuator::disconnect() {
+    stop();
+    transport_.removeCallback(address_.load());
+    connected_.store(false);
+}
+
+void OrreryActuator::set_feedback_callback(FeedbackCallback cb) {
+    auto shared = cb ? std::make_shared<const FeedbackCallback>(std::move(cb)) : nullptr;
+    std::lock_guard<std::mutex> lock(mutex_);
+    feedback_callback_.swap(shared);
+}
+
+void OrreryActuator::set_error_callback(ErrorCallback cb) {
+    auto shared = cb ? std::make_shared<const ErrorCallback>(std::move(cb)) : nullptr;
+    std::lock_guard<std::mutex> lock(mutex_);
+    error_callback_.swap(shared);
+}
+
+void OrreryActuator::set_low_freq_feedback_callback(LowFreqFeedbackCallback) {}
+void OrreryActuator::set_low_freq_feedback_items(const std::vector<OCP_Items>&) {}
+void OrreryActuator::set_low_freq_feedback_rate(int) {}
+void OrreryActuator::set_low_freq_feedback_rate(Rates) {}
+
+void OrreryActuator::send_ocp_common(const std::vector<uint8_t>& frame) { transport_.send(address_.load(), frame); }
+
+void OrreryActuator::send_command(wire::Command command) { send_ocp_common(wire::make_frame(command)); }
+
+int OrreryActuator::get_address() const { return address_.load(); }
+
+std::string OrreryActuator::get_model_name() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return model_name_;
+}
+
+std::string OrreryActuator::get_firmware_version() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return firmware_version_;
+}
+
+bool OrreryActuator::is_connected() const { return connected_.load(); }
+
+OrreryActuator::Mode OrreryActuator::get_mode() const { return mode_.load(); }
+
+bool OrreryActuator::get_can_high_speed() const { return can_high_speed_.load(); }
+
+}  // namespace ocp_api

@@ -1,0 +1,201 @@
+#include "ocp_api/wire.hpp"
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+namespace ocp_api {
+
+void append_float(std::vector<uint8_t>& bytes, float value) {
+    wire::append_u32(bytes, wire::bits_from_float(value));
+}
+
+namespace wire {
+
+namespace {
+
+constexpr uint8_t code_of(OCP_Items item) { return static_cast<uint8_t>(item); }
+constexpr uint8_t code_of(OCP_Parameters parameter) { return static_cast<uint8_t>(parameter); }
+
+// Float to integer conversions that saturate instead of invoking undefined
+// behaviour on NaN or out-of-range values (a device may be asked to carry any
+// float; an emulated one must not crash on it).
+uint32_t saturating_u32(float value) {
+    if (!(value > 0.0f)) return 0;  // NaN and non-positive values
+    if (value >= 4294967296.0f) return std::numeric_limits<uint32_t>::max();
+    return static_cast<uint32_t>(value);
+}
+
+int32_t saturating_i32(float value) {
+    if (std::isnan(value)) return 0;
+    if (value >= 2147483648.0f) return std::numeric_limits<int32_t>::max();
+    if (value < -2147483648.0f) return std::numeric_limits<int32_t>::min();
+    return static_cast<int32_t>(value);
+}
+
+}  // namespace
+
+Frame make_frame(Command command) { return Frame{static_cast<uint8_t>(command)}; }
+
+void append_u8(Frame& frame, uint8_t value) { frame.push_back(value); }
+
+void append_u16(Frame& frame, uint16_t value) {
+    frame.push_back(static_cast<uint8_t>(value & 0xFFu));
+    frame.push_back(static_cast<uint8_t>(value >> 8));
+}
+
+void append_u32(Frame& frame, uint32_t value) {
+    const uint8_t bytes[4] = {static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8),
+                              static_cast<uint8_t>(value >> 16), static_cast<uint8_t>(value >> 24)};
+    frame.insert(frame.end(), bytes, bytes + 4);
+}
+
+uint16_t read_u16(const uint8_t* bytes) {
+    return static_cast<uint16_t>(bytes[0] | (bytes[1] << 8));
+}
+
+uint32_t read_u32(const uint8_t* bytes) {
+    return static_cast<uint32_t>(bytes[0]) | (static_cast<uint32_t>(bytes[1]) << 8) |
+           (static_cast<uint32_t>(bytes[2]) << 16) | (static_cast<uint32_t>(bytes[3]) << 24);
+}
+
+float read_f32(const uint8_t* bytes) { return float_from_bits(read_u32(bytes)); }
+
+float float_from_bits(uint32_t word) {
+    float value;
+    std::memcpy(&value, &word, sizeof value);
+    return value;
+}
+
+uint32_t bits_from_float(float value) {
+    uint32_t word;
+    std::memcpy(&word, &value, sizeof word);
+    return word;
+}
+
+bool is_item_code(uint8_t code) {
+    return (code >= code_of(OCP_Items::POS_FB_41) && code <= code_of(OCP_Items::REF_4D)) ||
+           (code >= code_of(OCP_Items::ITEM_4F) && code <= code_of(OCP_Items::ITEM_62)) ||
+           (code >= code_of(OCP_Items::VBUS_70) && code <= code_of(OCP_Items::POS_FB_73)) ||
+           (code >= code_of(OCP_Items::ERRORS_90) && code <= code_of(OCP_Items::ITEM_9A));
+}
+
+ValueType item_value_type(uint8_t code) {
+    switch (static_cast<OCP_Items>(code)) {
+        case OCP_Items::ERRORS_90:
+        case OCP_Items::ITEM_60:
+        case OCP_Items::ITEM_61:
+        case OCP_Items::ITEM_62:
+        case OCP_Items::ITEM_42:
+        case OCP_Items::ITEM_44:
+            return ValueType::U32;
+        case OCP_Items::ITEM_4A:
+            return ValueType::I32;
+        default:
+            return ValueType::F32;
+    }
+}
+
+ValueType parameter_value_type(uint8_t code) {
+    switch (static_cast<OCP_Parameters>(code)) {
+        case OCP_Parameters::MODE:
+            return ValueType::MODE;
+        case OCP_Parameters::DEVICE_80:
+        case OCP_Parameters::DEVICE_82:
+        case OCP_Parameters::DEVICE_83:
+        case OCP_Parameters::DEVICE_84:
+            return ValueType::U32;
+        default:
+            return ValueType::F32;
+    }
+}
+
+namespace {
+
+float decode_value(ValueType type, uint32_t word) {
+    switch (type) {
+        case ValueType::U32:
+            return static_cast<float>(word);
+        case ValueType::I32:
+            return static_cast<float>(static_cast<int32_t>(word));
+        case ValueType::MODE:
+            return std::trunc(float_from_bits(word));
+        case ValueType::F32:
+            break;
+    }
+    return float_from_bits(word);
+}
+
+uint32_t encode_value(ValueType type, float value) {
+    switch (type) {
+        case ValueType::U32:
+            return saturating_u32(value);
+        case ValueType::I32:
+            return static_cast<uint32_t>(saturating_i32(value));
+        case ValueType::MODE:
+        case ValueType::F32:
+            break;
+    }
+    return bits_from_float(value);
+}
+
+}  // namespace
+
+float decode_item_value(uint8_t code, uint32_t word) { return decode_value(item_value_type(code), word); }
+
+uint32_t encode_item_value(uint8_t code, float value) { return encode_value(item_value_type(code), value); }
+
+void append_item_record(Frame& frame, OCP_Items item, float value) {
+    append_u8(frame, code_of(item));
+    append_u32(frame, encode_item_value(code_of(item), value));
+}
+
+float decode_parameter_value(uint8_t code, uint32_t word) {
+    return decode_value(parameter_value_type(code), word);
+}
+
+uint32_t encode_parameter_value(uint8_t code, float value) {
+    return encode_value(parameter_value_type(code), value);
+}
+
+void append_parameter_record(Frame& frame, OCP_Parameters parameter, float value) {
+    append_u8(frame, code_of(parameter));
+    append_float(frame, value);
+}
+
+void append_typed_parameter_record(Frame& frame, OCP_Parameters parameter, float value) {
+    append_u8(frame, code_of(parameter));
+    append_u32(frame, encode_parameter_value(code_of(parameter), value));
+}
+
+uint32_t feedback_period_from_hz(int hz) {
+    if (hz <= 0) return 0;
+    return static_cast<uint32_t>((PERIOD_UNITS_PER_SECOND + hz / 2) / hz);
+}
+
+namespace {
+constexpr unsigned MAJOR_SHIFT = 11;
+constexpr unsigned MINOR_SHIFT = 6;
+constexpr unsigned MAJOR_MASK = 0x1F;
+constexpr unsigned MINOR_MASK = 0x1F;
+constexpr unsigned PATCH_MASK = 0x3F;
+}  // namespace
+
+uint16_t firmware_word(unsigned major, unsigned minor, unsigned patch) {
+    return static_cast<uint16_t>(((major & MAJOR_MASK) << MAJOR_SHIFT) | ((minor & MINOR_MASK) << MINOR_SHIFT) |
+                                 (patch & PATCH_MASK));
+}
+
+std::string firmware_version_text(uint16_t word) {
+    const unsigned major = (word >> MAJOR_SHIFT) & MAJOR_MASK;
+    const unsigned minor = (word >> MINOR_SHIFT) & MINOR_MASK;
+    const unsigned patch = word & PATCH_MASK;
+    return std::to_string(major) + "." + std::to_string(minor) + "." + std::to_string(patch);
+}
+
+bool is_valid_device_address(int address) {
+    return address >= MIN_DEVICE_ADDRESS && address <= MAX_DEVICE_ADDRESS;
+}
+
+}  // namespace wire
+}  // namespace ocp_api
