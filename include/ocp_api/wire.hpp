@@ -96,7 +96,9 @@ enum class ValueType : uint8_t {
 
 // --- frame building -------------------------------------------------------
 
-Frame make_frame(Command command);
+// A frame holding the command code, with room for `payload_bytes` more (so
+// building a command costs one allocation).
+Frame make_frame(Command command, std::size_t payload_bytes = 0);
 void append_u8(Frame& frame, uint8_t value);
 void append_u16(Frame& frame, uint16_t value);
 void append_u32(Frame& frame, uint32_t value);

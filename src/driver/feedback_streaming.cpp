@@ -9,8 +9,7 @@ namespace ocp_api {
 namespace {
 
 wire::Frame item_list_frame(wire::Command command, const std::vector<OCP_Items>& items) {
-    wire::Frame frame = wire::make_frame(command);
-    frame.reserve(1 + items.size());
+    wire::Frame frame = wire::make_frame(command, items.size());
     for (const OCP_Items item : items) wire::append_u8(frame, static_cast<uint8_t>(item));
     return frame;
 }
@@ -32,7 +31,7 @@ void OrreryActuator::setFeedbackRate(int hz) {
         detail::ErrorLine() << "Rate cannot exceed " << wire::MAX_FEEDBACK_RATE_HZ << " Hz";
         return;
     }
-    wire::Frame frame = wire::make_frame(wire::Command::SET_FEEDBACK_RATE);
+    wire::Frame frame = wire::make_frame(wire::Command::SET_FEEDBACK_RATE, sizeof(uint32_t));
     wire::append_u32(frame, wire::feedback_period_from_hz(hz));
     send_ocp_common(frame);
 }

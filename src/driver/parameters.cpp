@@ -10,20 +10,21 @@
 namespace ocp_api {
 
 void OrreryActuator::set_parameters(const ParameterMap& values) {
-    wire::Frame frame = wire::make_frame(wire::Command::SET_PARAMETERS);
+    const std::size_t full_frame_payload = wire::MAX_PARAMETERS_PER_FRAME * wire::RECORD_SIZE;
+    wire::Frame frame = wire::make_frame(wire::Command::SET_PARAMETERS, full_frame_payload);
     std::size_t records = 0;
     for (const auto& [id, value] : values) {
         wire::append_parameter_record(frame, id, value);
         if (++records % wire::MAX_PARAMETERS_PER_FRAME == 0) {
             send_ocp_common(frame);
-            frame = wire::make_frame(wire::Command::SET_PARAMETERS);
+            frame = wire::make_frame(wire::Command::SET_PARAMETERS, full_frame_payload);
         }
     }
     if (frame.size() > 1) send_ocp_common(frame);
 }
 
 bool OrreryActuator::request_parameter_batch(const std::vector<OCP_Parameters>& ids, float timeout_s) {
-    wire::Frame frame = wire::make_frame(wire::Command::GET_PARAMETERS);
+    wire::Frame frame = wire::make_frame(wire::Command::GET_PARAMETERS, ids.size());
     for (const OCP_Parameters id : ids) wire::append_u8(frame, static_cast<uint8_t>(id));
     parameters_received_.store(false);
     send_ocp_common(frame);

@@ -4,14 +4,13 @@
 namespace ocp_api {
 
 void OrreryActuator::send_floats(wire::Command command, std::initializer_list<float> values) {
-    wire::Frame frame = wire::make_frame(command);
-    frame.reserve(1 + 4 * values.size());
+    wire::Frame frame = wire::make_frame(command, sizeof(float) * values.size());
     for (const float value : values) append_float(frame, value);
     send_ocp_common(frame);
 }
 
 void OrreryActuator::send_byte(wire::Command command, uint8_t value) {
-    wire::Frame frame = wire::make_frame(command);
+    wire::Frame frame = wire::make_frame(command, 1);
     wire::append_u8(frame, value);
     send_ocp_common(frame);
 }

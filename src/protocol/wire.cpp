@@ -35,7 +35,12 @@ int32_t saturating_i32(float value) {
 
 }  // namespace
 
-Frame make_frame(Command command) { return Frame{static_cast<uint8_t>(command)}; }
+Frame make_frame(Command command, std::size_t payload_bytes) {
+    Frame frame;
+    frame.reserve(1 + payload_bytes);
+    frame.push_back(static_cast<uint8_t>(command));
+    return frame;
+}
 
 void append_u8(Frame& frame, uint8_t value) { frame.push_back(value); }
 
