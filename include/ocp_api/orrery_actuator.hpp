@@ -14,6 +14,7 @@
 
 #include "ocp_api/identifiers.hpp"
 #include "ocp_api/ocp.hpp"
+#include "ocp_api/orrery_actuator_virtual.hpp"
 #include "ocp_api/wire.hpp"
 
 namespace ocp_api {

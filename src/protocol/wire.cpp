@@ -1,8 +1,9 @@
 #include "ocp_api/wire.hpp"
 
+#include "common/numeric.hpp"
+
 #include <cmath>
 #include <cstring>
-#include <limits>
 
 namespace ocp_api {
 
@@ -16,22 +17,6 @@ namespace {
 
 constexpr uint8_t code_of(OCP_Items item) { return static_cast<uint8_t>(item); }
 constexpr uint8_t code_of(OCP_Parameters parameter) { return static_cast<uint8_t>(parameter); }
-
-// Float to integer conversions that saturate instead of invoking undefined
-// behaviour on NaN or out-of-range values (a device may be asked to carry any
-// float; an emulated one must not crash on it).
-uint32_t saturating_u32(float value) {
-    if (!(value > 0.0f)) return 0;  // NaN and non-positive values
-    if (value >= 4294967296.0f) return std::numeric_limits<uint32_t>::max();
-    return static_cast<uint32_t>(value);
-}
-
-int32_t saturating_i32(float value) {
-    if (std::isnan(value)) return 0;
-    if (value >= 2147483648.0f) return std::numeric_limits<int32_t>::max();
-    if (value < -2147483648.0f) return std::numeric_limits<int32_t>::min();
-    return static_cast<int32_t>(value);
-}
 
 }  // namespace
 
@@ -134,9 +119,9 @@ float decode_value(ValueType type, uint32_t word) {
 uint32_t encode_value(ValueType type, float value) {
     switch (type) {
         case ValueType::U32:
-            return saturating_u32(value);
+            return detail::saturating_u32(value);
         case ValueType::I32:
-            return static_cast<uint32_t>(saturating_i32(value));
+            return static_cast<uint32_t>(detail::saturating_i32(value));
         case ValueType::MODE:
         case ValueType::F32:
             break;

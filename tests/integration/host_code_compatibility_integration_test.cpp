@@ -1,0 +1,105 @@
+// Host code written against one actuator class compiles and runs against the
+// other wherever their operations overlap.
+#include <gtest/gtest.h>
+
+#include "ocp_api/orrery_actuator.hpp"
+#include "support/device_replies.hpp"
+#include "support/recording_transport.hpp"
+
+namespace {
+
+using namespace ocp_api;
+using namespace ocp_test;
+
+struct Outcome {
+    bool connected = false;
+    bool still_connected = false;
+    int address = 0;
+    std::string model;
+    std::string firmware;
+    Mode mode = Mode::SPEED;
+    std::unordered_map<OCP_Parameters, float> limit;
+    std::size_t all_parameters = 0;
+    std::size_t feedback_items = 0;
+};
+
+// A typical joint bring-up, written once for both actuator classes.
+template <typename Actuator>
+Outcome drive_joint(Actuator& joint) {
+    using P = typename Actuator::OCP_Parameters;
+    Outcome outcome;
+    outcome.connected = joint.connect(1.0f);
+    joint.set_feedback_callback([](int, typename Actuator::FeedbackMap) {});
+    joint.set_error_callback([](int, typename Actuator::ErrorMap) {});
+    joint.set_low_freq_feedback_rate(Actuator::Rates::RATE_10HZ);
+    joint.start();
+    joint.change_mode(Actuator::Mode::POSITION);
+    joint.change_position_setpoint(1.0f);
+    joint.change_speed_setpoint(2.0f, 0.5f);
+    joint.change_torque_setpoint(0.1f);
+    joint.change_impedance_setpoint(0.5f, 0.0f, 4.0f, 0.2f);
+    joint.set_torque_performance(Actuator::TorquePerformance::PRESET_1);
+    joint.set_speed_performance(Actuator::SpeedPerformance::PRESET_3);
+    joint.set_can_high_speed(false);
+    joint.set_home_position();
+    joint.set_parameters({{P::LIMIT_TORQUE, 2.0f}});
+    outcome.limit = joint.get_parameters({P::LIMIT_TORQUE}, 1.0f);
+    outcome.all_parameters = joint.get_parameters_all().size();
+    outcome.feedback_items = joint.get_feedback().size();
+    joint.blink();
+    joint.save_config();
+    outcome.address = joint.get_address();
+    outcome.model = joint.get_model_name();
+    outcome.firmware = joint.get_firmware_version();
+    outcome.still_connected = joint.is_connected();
+    outcome.mode = joint.get_mode();
+    joint.stop();
+    joint.disconnect();
+    return outcome;
+}
+
+TEST(HostCodeCompatibilityIntegration, PhysicalActuatorOverARecordingTransport) {
+    RecordingTransport transport;
+    // A device that answers pings and parameter requests at once.
+    transport.set_responder([&](int address, const Bytes& frame) {
+        if (is_command(frame, wire::Command::PING)) transport.deliver(address, ping_reply(3, 0x0842));
+        if (is_command(frame, wire::Command::GET_PARAMETERS)) {
+            Bytes reply{static_cast<uint8_t>(wire::RecordCode::PARAMETERS)};
+            for (std::size_t i = 1; i < frame.size(); ++i)
+                wire::append_typed_parameter_record(reply, static_cast<OCP_Parameters>(frame[i]), 2.0f);
+            transport.deliver(address, reply);
+        }
+    });
+    OrreryActuator joint(transport, 0x21);
+    const Outcome outcome = drive_joint(joint);
+    EXPECT_TRUE(outcome.connected);
+    EXPECT_TRUE(outcome.still_connected);
+    EXPECT_EQ(outcome.address, 0x21);
+    EXPECT_EQ(outcome.model, "HERON_A");
+    EXPECT_EQ(outcome.firmware, "1.1.2");
+    EXPECT_EQ(outcome.mode, Mode::IMPEDANCE);
+    EXPECT_EQ(outcome.limit.at(OCP_Parameters::LIMIT_TORQUE), 2.0f);
+    EXPECT_EQ(outcome.all_parameters, 31u);
+    EXPECT_EQ(outcome.feedback_items, 0u);
+    EXPECT_FALSE(joint.is_connected());
+    transport.set_responder(nullptr);
+}
+
+TEST(HostCodeCompatibilityIntegration, SimulatedActuator) {
+    OrreryActuatorVirtual joint(0x21);
+    const Outcome outcome = drive_joint(joint);
+    EXPECT_TRUE(outcome.connected);
+    EXPECT_TRUE(outcome.still_connected);
+    EXPECT_EQ(outcome.address, 0x21);
+    EXPECT_EQ(outcome.model, "virtual");
+    EXPECT_EQ(outcome.firmware, "cpp-virtual-2.0.0");
+    EXPECT_EQ(outcome.mode, Mode::IMPEDANCE);
+    EXPECT_EQ(outcome.limit.at(OCP_Parameters::LIMIT_TORQUE), 2.0f);
+    // The twelve of construction plus SPEED_FF, K_STIFF, K_DAMP and the two presets.
+    EXPECT_EQ(outcome.all_parameters, 17u);
+    EXPECT_EQ(outcome.feedback_items, 3u);
+    EXPECT_FALSE(joint.is_connected());
+    EXPECT_FALSE(joint.is_running());
+}
+
+}  // namespace
