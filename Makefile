@@ -18,7 +18,7 @@ build: deps
 	@cmake --build build -j $(JOBS)
 
 demo: build
-	./build/examples/frames_tour
+	./build/examples/sim_demo
 
 # The whole suite three ways: a normal build, AddressSanitizer with
 # UndefinedBehaviorSanitizer, and ThreadSanitizer on the threaded tests.

@@ -43,6 +43,7 @@ private:
     mutable std::mutex mutex_;
     std::condition_variable idle_;
     std::map<int, std::shared_ptr<Slot>> slots_;
+    int waiting_removers_ = 0;
 };
 
 }  // namespace ocp_api

@@ -60,6 +60,9 @@ public:
     FeedbackMap step(std::optional<float> load = std::nullopt, int steps = 1);
     void start_steps(int steps);
     void update_feedback_snapshot();
+    // The value the model gives `item` now, as a snapshot would hold it (0 for
+    // codes the model does not compute), whether or not it is a feedback item.
+    float item_value(OCP_Items item) const;
     FeedbackMap get_feedback() const;
     // Refreshes the snapshot and answers at once; items not among the
     // feedback items are NaN.
@@ -147,7 +150,7 @@ public:
     void set_bus_voltage(float volts) { bus_voltage = volts; }
 
 private:
-    float snapshot_value(OCP_Items item) const;
+    void advance(std::optional<float> load, int steps);
     void store_if_given(OCP_Parameters id, float value);
 
     int32_t address;

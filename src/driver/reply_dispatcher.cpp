@@ -13,9 +13,12 @@ bool record_is_complete(std::size_t position, std::size_t size) { return positio
 }  // namespace
 
 void OrreryActuator::can_callback(int /*source*/, std::vector<uint8_t> bytes, int kind) {
+    const std::size_t size = bytes.size();
     FeedbackMap items;
     items.max_load_factor(1.0f);
-    const std::size_t size = bytes.size();
+    // One bucket allocation for all the records the buffer can hold, instead
+    // of rehashing as they are inserted.
+    items.reserve(size / wire::RECORD_SIZE);
     std::size_t p = 0;
     while (p < size) {
         const uint8_t code = bytes[p];

@@ -80,6 +80,13 @@ float gain_or(float stored, float fallback) { return std::isnan(stored) ? fallba
 }  // namespace
 
 OrreryActuatorVirtual::FeedbackMap OrreryActuatorVirtual::step(std::optional<float> load, int steps) {
+    advance(load, steps);
+    return feedback;
+}
+
+// Everything step() does but copying the snapshot out, so that start_steps
+// (and emulated devices stepping in the background) pay no copy.
+void OrreryActuatorVirtual::advance(std::optional<float> load, int steps) {
     if (load) load_torque = *load;
     const uint64_t n = steps > 0 ? static_cast<uint64_t>(steps) : 1;
     // Nothing the laws read can change during one call, so the mode, the load
@@ -118,12 +125,11 @@ OrreryActuatorVirtual::FeedbackMap OrreryActuatorVirtual::step(std::optional<flo
         feedback_callback(address, feedback);
         last_feedback_step = step_count;
     }
-    return feedback;
 }
 
-void OrreryActuatorVirtual::start_steps(int steps) { step(std::nullopt, steps); }
+void OrreryActuatorVirtual::start_steps(int steps) { advance(std::nullopt, steps); }
 
-float OrreryActuatorVirtual::snapshot_value(OCP_Items item) const {
+float OrreryActuatorVirtual::item_value(OCP_Items item) const {
     switch (item) {
         case OCP_Items::POS_FB_41:
         case OCP_Items::POS_FB_43:
@@ -164,7 +170,7 @@ void OrreryActuatorVirtual::update_feedback_snapshot() {
     }
     // With the keys unchanged since the last snapshot this only overwrites
     // values; the result is the same as clearing and refilling the map.
-    for (const OCP_Items item : feedback_items) feedback[item] = snapshot_value(item);
+    for (const OCP_Items item : feedback_items) feedback[item] = item_value(item);
 }
 
 OrreryActuatorVirtual::FeedbackMap OrreryActuatorVirtual::get_feedback() const { return feedback; }

@@ -1,16 +1,27 @@
 #include "ocp_api/callback_registry.hpp"
 
 #include <algorithm>
-#include <thread>
 
 namespace ocp_api {
 
-// One registered callback and the threads currently running it.
+// One registered callback and the number of calls of it now running.
 struct CallbackRegistry::Slot {
     explicit Slot(OCP::ReceiveCallback cb) : callback(std::move(cb)) {}
     const OCP::ReceiveCallback callback;
-    std::vector<std::thread::id> callers;
+    int in_flight = 0;  // guarded by the registry's mutex
 };
+
+namespace {
+
+// The slots whose callbacks this thread is running now, innermost last. A
+// remove() from inside a callback must not wait for the call it is part of.
+thread_local std::vector<const void*> running_here;
+
+int calls_running_here(const void* slot) {
+    return static_cast<int>(std::count(running_here.begin(), running_here.end(), slot));
+}
+
+}  // namespace
 
 void CallbackRegistry::set(int address, OCP::ReceiveCallback callback) {
     auto slot = std::make_shared<Slot>(std::move(callback));
@@ -36,35 +47,34 @@ void CallbackRegistry::clear() {
 
 void CallbackRegistry::wait_for_other_callers(std::unique_lock<std::mutex>& lock,
                                               const std::shared_ptr<Slot>& slot) {
-    const auto me = std::this_thread::get_id();
-    idle_.wait(lock, [&] {
-        return std::all_of(slot->callers.begin(), slot->callers.end(),
-                           [&](std::thread::id caller) { return caller == me; });
-    });
+    const int own_calls = calls_running_here(slot.get());
+    ++waiting_removers_;
+    idle_.wait(lock, [&] { return slot->in_flight == own_calls; });
+    --waiting_removers_;
 }
 
 bool CallbackRegistry::dispatch(int address, std::vector<uint8_t> bytes, int kind) {
     std::shared_ptr<Slot> slot;
-    const auto me = std::this_thread::get_id();
     {
         std::lock_guard<std::mutex> lock(mutex_);
         const auto found = slots_.find(address);
         if (found == slots_.end()) return false;
         slot = found->second;
-        slot->callers.push_back(me);
+        ++slot->in_flight;
     }
-    // Leaves the caller list even when the callback throws, so remove() never
-    // waits for a call that is gone.
-    struct CallerGuard {
+    running_here.push_back(slot.get());
+    // Ends the call's bookkeeping even when the callback throws, so remove()
+    // never waits for a call that is gone.
+    struct CallGuard {
         CallbackRegistry& registry;
         Slot& slot;
-        std::thread::id me;
-        ~CallerGuard() {
+        ~CallGuard() {
+            running_here.pop_back();
             std::lock_guard<std::mutex> lock(registry.mutex_);
-            slot.callers.erase(std::find(slot.callers.begin(), slot.callers.end(), me));
-            registry.idle_.notify_all();
+            --slot.in_flight;
+            if (registry.waiting_removers_ > 0) registry.idle_.notify_all();
         }
-    } guard{*this, *slot, me};
+    } guard{*this, *slot};
     if (slot->callback) slot->callback(address, std::move(bytes), kind);
     return true;
 }

@@ -1,0 +1,164 @@
+// A simulated CAN bus with emulated devices: an OCP transport that needs no
+// adapter and no actuator. Each emulated actuator speaks the wire protocol byte
+// for byte and moves by the simulated actuator's physics, so host code runs
+// through the same OrreryActuator and OrreryActuatorScanner it uses on a real bus.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "ocp_api/callback_registry.hpp"
+#include "ocp_api/ocp.hpp"
+#include "ocp_api/orrery_actuator_virtual.hpp"
+
+namespace ocp_api {
+
+struct SimBusOptions {
+    double time_scale = 1.0;                          // simulated seconds per wall second
+    std::chrono::microseconds reply_latency{200};     // between a frame and its reply
+    double loss_rate = 0.0;                           // chance that any one frame or reply is lost
+    uint32_t seed = 1;                                // of the loss draw, for reproducible runs
+};
+
+struct SimBusCounters {
+    uint64_t frames_sent = 0;        // every send() while open
+    uint64_t frames_received = 0;    // frames that reached the bus (not lost)
+    uint64_t frames_lost = 0;
+    uint64_t frames_handled = 0;     // received frames the devices have read
+    uint64_t replies_sent = 0;       // replies the devices produced
+    uint64_t replies_delivered = 0;  // handed to a registered callback
+    uint64_t replies_unclaimed = 0;  // no callback was registered for the address
+    uint64_t replies_lost = 0;
+    uint64_t worker_wakes = 0;       // passes of the worker's loop, for tuning
+};
+
+class SimBus;
+namespace detail {
+class EmulatedDevice;
+}
+
+// The device behind one address of a SimBus. Every method is thread-safe.
+class EmulatedActuator {
+public:
+    // Access to the device's physics while holding the bus's lock: the worker
+    // does not step it meanwhile. Keep it short and do not call the bus from
+    // inside: bus.actuator(0x21).physics()->change_load(0.5f);
+    class PhysicsAccess {
+    public:
+        OrreryActuatorVirtual* operator->() const { return &physics_; }
+        OrreryActuatorVirtual& operator*() const { return physics_; }
+
+    private:
+        friend class EmulatedActuator;
+        PhysicsAccess(std::unique_lock<std::mutex> lock, OrreryActuatorVirtual& physics)
+            : lock_(std::move(lock)), physics_(physics) {}
+        std::unique_lock<std::mutex> lock_;
+        OrreryActuatorVirtual& physics_;
+    };
+
+    ~EmulatedActuator();
+    EmulatedActuator(const EmulatedActuator&) = delete;
+    EmulatedActuator& operator=(const EmulatedActuator&) = delete;
+
+    int address() const;
+    uint16_t model_code() const { return model_code_; }
+    uint16_t firmware_word() const { return firmware_word_; }
+    PhysicsAccess physics();
+    // Sends an ERROR_FLAGS record now and reports the word in item ERRORS_90
+    // until it is replaced (inject_errors(0) clears it) or the device restarts.
+    void inject_errors(uint32_t error_word);
+    // Restarts the device with its saved configuration: unsaved parameter and
+    // address changes are lost, the boot loader is left, streaming is off.
+    void power_cycle();
+    bool in_bootloader() const;
+    int blink_count() const;
+    // A silent device ignores every frame and sends nothing, as if unplugged.
+    void set_silent(bool silent);
+    bool is_silent() const;
+
+private:
+    friend class SimBus;
+    EmulatedActuator(SimBus& bus, std::unique_ptr<detail::EmulatedDevice> device);
+
+    SimBus& bus_;
+    const std::unique_ptr<detail::EmulatedDevice> device_;
+    const uint16_t model_code_;
+    const uint16_t firmware_word_;
+};
+
+// The bus and its worker thread. The worker advances every device's physics in
+// step with wall time times time_scale, sends streamed replies on time, and
+// delivers every reply to the callback registered for the replying address: it
+// is the transport's receive thread, and callbacks run there. send() is safe
+// from any thread, callbacks included; frames reach a device in the order they
+// were sent. An emulated adapter answers pings at address 0.
+class SimBus : public OCP {
+public:
+    explicit SimBus(SimBusOptions options = {});
+    ~SimBus() override;
+    SimBus(const SimBus&) = delete;
+    SimBus& operator=(const SimBus&) = delete;
+
+    // Adds a device; throws std::invalid_argument for an address outside
+    // 0x10..0x3FFE or one a device already has.
+    EmulatedActuator& add_actuator(int address, uint16_t model_code = 3, uint16_t firmware_word = 0x0842);
+    // The device now at `address`; throws std::out_of_range when there is none.
+    EmulatedActuator& actuator(int address);
+    std::size_t actuator_count() const;
+
+    SimBusCounters counters() const;
+    // Simulated seconds since the bus started.
+    double sim_time() const;
+    const SimBusOptions& options() const { return options_; }
+
+    bool send(int address, const std::vector<uint8_t>& frame) override;
+    void setCallback(int address, ReceiveCallback callback) override;
+    void removeCallback(int address) override;
+    // Stops the worker; later sends return false. Safe to call more than once
+    // and from inside a callback.
+    void close() override;
+
+private:
+    friend class EmulatedActuator;
+    struct Reply;
+    struct Inbound;
+    struct Pending;
+
+    using Clock = std::chrono::steady_clock;
+
+    void run();
+    int64_t target_step(Clock::time_point now) const;
+    Clock::time_point wall_time_of_step(int64_t step) const;
+    void advance_devices(int64_t target);
+    void process_inbound(Clock::time_point now);
+    void handle_frame(int address, const std::vector<uint8_t>& frame, Clock::time_point now);
+    void queue_reply(int address, std::vector<uint8_t> bytes, int kind, Clock::time_point due);
+    bool draw_loss();
+    Clock::time_point next_wake(Clock::time_point now) const;
+    EmulatedActuator* device_at(int address) const;
+
+    const SimBusOptions options_;
+    const Clock::time_point epoch_;
+    CallbackRegistry callbacks_;
+
+    mutable std::mutex mutex_;  // guards everything below
+    std::condition_variable wake_;
+    bool stopping_ = false;
+    bool closed_ = false;
+    std::mt19937 loss_rng_;
+    std::unique_ptr<Pending> pending_;
+    std::vector<std::unique_ptr<EmulatedActuator>> devices_;
+    SimBusCounters counters_;
+    int64_t steps_done_ = 0;
+    uint64_t reply_sequence_ = 0;
+
+    std::thread worker_;  // last: starts after everything above exists
+};
+
+}  // namespace ocp_api
