@@ -10,6 +10,8 @@
 #include <ocp_api/orrery_actuator.hpp>
 #include <ocp_api/sim_bus.hpp>
 
+#include "sim_demo.hpp"
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -35,7 +37,7 @@ void print_table_row(double t, const std::vector<std::unique_ptr<OrreryActuator>
 
 }  // namespace
 
-int main() {
+int run_sim_demo() {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     ocp_api::SimBus bus;
     bus.add_actuator(0x21, 3, 0x0842);  // HERON_A

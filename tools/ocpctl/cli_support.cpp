@@ -1,0 +1,177 @@
+#include "cli_support.hpp"
+
+#include <csignal>
+#include <cmath>
+#include <cstdio>
+#include <iomanip>
+#include <sstream>
+#include <thread>
+
+#include <ocp_api/wire.hpp>
+
+namespace ocpctl {
+
+namespace {
+
+std::string join_item_names() {
+    std::string names;
+    for (const auto item : ocp_api::ALL_ITEMS) {
+        if (!names.empty()) names += ", ";
+        names += ocp_api::item_name(item);
+    }
+    return names;
+}
+
+std::string join_parameter_names() {
+    std::string names;
+    for (const auto parameter : ocp_api::ALL_PARAMETERS) {
+        if (!names.empty()) names += ", ";
+        names += ocp_api::parameter_name(parameter);
+    }
+    return names;
+}
+
+// Parses a whole decimal or 0x-prefixed hexadecimal integer (never octal:
+// 010 is ten).
+bool parse_integer(const std::string& text, long long& value) {
+    const bool hexadecimal = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+    const std::string digits = hexadecimal ? text.substr(2) : text;
+    if (digits.empty() || digits[0] == '+' || digits[0] == ' ' || (hexadecimal && digits[0] == '-')) return false;
+    std::size_t used = 0;
+    try {
+        value = std::stoll(digits, &used, hexadecimal ? 16 : 10);
+    } catch (const std::exception&) {
+        return false;
+    }
+    return used == digits.size();
+}
+
+volatile std::sig_atomic_t raised_signal = 0;
+
+extern "C" void on_stop_signal(int signal_number) { raised_signal = signal_number; }
+
+struct sigaction previous_int {};
+struct sigaction previous_term {};
+
+}  // namespace
+
+std::string hex(int address) {
+    std::ostringstream text;
+    text << "0x" << std::hex << address;
+    return text.str();
+}
+
+int parse_address(const std::string& text) {
+    long long value = 0;
+    if (!parse_integer(text, value))
+        throw UsageError("invalid address '" + text + "' (expected a number such as 0x21 or 33, in 0x10..0x3FFE)");
+    if (value < ocp_api::wire::MIN_DEVICE_ADDRESS || value > ocp_api::wire::MAX_DEVICE_ADDRESS)
+        throw UsageError("address " + text + " is outside 0x10..0x3FFE");
+    return static_cast<int>(value);
+}
+
+std::vector<ocp_api::OCP_Items> parse_items(const std::vector<std::string>& names) {
+    std::vector<ocp_api::OCP_Items> items;
+    for (const auto& name : names) {
+        const auto item = ocp_api::item_from_name(name);
+        if (!item) throw UsageError("unknown feedback item '" + name + "' (expected one of " + join_item_names() + ")");
+        items.push_back(*item);
+    }
+    if (items.empty()) throw UsageError("no feedback items given (expected one or more of " + join_item_names() + ")");
+    return items;
+}
+
+ocp_api::OCP_Parameters parse_parameter(const std::string& name_or_code) {
+    if (const auto parameter = ocp_api::parameter_from_name(name_or_code)) return *parameter;
+    long long code = 0;
+    if (parse_integer(name_or_code, code)) {
+        for (const auto parameter : ocp_api::ALL_PARAMETERS) {
+            if (static_cast<long long>(parameter) == code) return parameter;
+        }
+    }
+    throw UsageError("unknown parameter '" + name_or_code + "' (expected one of " + join_parameter_names() +
+                     ", or its code such as 0x04)");
+}
+
+ocp_api::Mode parse_mode(const std::string& name) {
+    if (const auto mode = ocp_api::mode_from_name(name)) return *mode;
+    throw UsageError("unknown mode '" + name + "' (expected torque, speed, position or impedance)");
+}
+
+int parse_rate(double hz) {
+    if (!(hz >= 1.0) || hz != std::floor(hz))
+        throw UsageError("rate " + format_value(static_cast<float>(hz)) + " Hz is not a whole number from 1 to 10000");
+    if (hz > ocp_api::wire::MAX_FEEDBACK_RATE_HZ)
+        throw UsageError("rate " + format_value(static_cast<float>(hz)) + " Hz is above the maximum of 10000 Hz");
+    return static_cast<int>(hz);
+}
+
+double parse_seconds(double seconds, const std::string& option) {
+    if (!(seconds > 0.0) || !std::isfinite(seconds))
+        throw UsageError(option + " " + format_value(static_cast<float>(seconds)) + " is not a positive number of seconds");
+    return seconds;
+}
+
+float parse_float(const std::string& text, const std::string& what) {
+    std::size_t used = 0;
+    float value = 0.0f;
+    try {
+        value = std::stof(text, &used);
+    } catch (const std::exception&) {
+        used = 0;
+    }
+    if (used == 0 || used != text.size()) throw UsageError("invalid " + what + " '" + text + "' (expected a number)");
+    return value;
+}
+
+std::string format_value(float value) {
+    std::ostringstream text;
+    text << std::setprecision(7) << value;
+    return text.str();
+}
+
+std::string format_exact(float value) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.9g", static_cast<double>(value));
+    return text;
+}
+
+std::string format_seconds(double seconds) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.1f s", seconds);
+    return text;
+}
+
+std::unique_ptr<ocp_api::OrreryActuator> connect_actuator(ocp_api::OCP& bus, int address, float timeout_s) {
+    auto actuator = std::make_unique<ocp_api::OrreryActuator>(bus, address);
+    if (!actuator->connect(timeout_s))
+        throw DeviceError("no answer from " + hex(address) + " after " + format_seconds(timeout_s));
+    return actuator;
+}
+
+StopSignal::StopSignal() {
+    raised_signal = 0;
+    struct sigaction action {};
+    action.sa_handler = on_stop_signal;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, &previous_int);
+    sigaction(SIGTERM, &action, &previous_term);
+}
+
+StopSignal::~StopSignal() {
+    sigaction(SIGINT, &previous_int, nullptr);
+    sigaction(SIGTERM, &previous_term, nullptr);
+}
+
+bool StopSignal::raised() const { return raised_signal != 0; }
+
+int StopSignal::exit_status() const { return raised_signal == 0 ? 0 : 128 + raised_signal; }
+
+void StopSignal::sleep_for(std::chrono::milliseconds duration) const {
+    const auto deadline = std::chrono::steady_clock::now() + duration;
+    while (!raised() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(
+            std::chrono::milliseconds(10), deadline - std::chrono::steady_clock::now()));
+}
+
+}  // namespace ocpctl

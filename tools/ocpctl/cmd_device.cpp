@@ -1,0 +1,282 @@
+// ocpctl commands that read or administer one actuator: info, params,
+// save, clear, factory-reset, address, blink, home, start, stop, bootloader.
+#include <cstdio>
+#include <map>
+#include <memory>
+
+#include <nlohmann/json.hpp>
+#include <ocp_api/wire.hpp>
+
+#include "commands.hpp"
+#include "session.hpp"
+
+namespace ocpctl {
+
+namespace {
+
+using ocp_api::OCP_Parameters;
+using ParameterMap = ocp_api::OrreryActuator::ParameterMap;
+
+// JSON has no NaN: an unknown value is null.
+nlohmann::ordered_json json_number(float value) {
+    if (std::isnan(value) || std::isinf(value)) return nullptr;
+    return value;
+}
+
+void print_parameters(int address, const std::vector<OCP_Parameters>& ids, const ParameterMap& values, bool json) {
+    if (json) {
+        nlohmann::ordered_json result;
+        result["address"] = address;
+        result["hex"] = hex(address);
+        nlohmann::ordered_json parameters = nlohmann::ordered_json::object();
+        for (const auto id : ids) parameters[std::string(ocp_api::parameter_name(id))] = json_number(values.at(id));
+        result["parameters"] = parameters;
+        std::printf("%s\n", result.dump(2).c_str());
+        return;
+    }
+    for (const auto id : ids)
+        std::printf("%-22s %s\n", std::string(ocp_api::parameter_name(id)).c_str(), format_value(values.at(id)).c_str());
+}
+
+// Reads `ids` from the device, or throws DeviceError if any stays unanswered.
+ParameterMap read_parameters(Session& session, int address, const std::vector<OCP_Parameters>& ids, float timeout_s) {
+    const ParameterMap values = session.actuator().get_parameters(ids, timeout_s);
+    for (const auto id : ids) {
+        if (values.count(id) == 0)
+            throw DeviceError("no answer from " + hex(address) + " for " + std::string(ocp_api::parameter_name(id)) +
+                              " after " + format_seconds(timeout_s));
+    }
+    return values;
+}
+
+// ---------------------------------------------------------------- info
+
+struct InfoOptions {
+    std::string address;
+    bool json = false;
+};
+
+int run_info(const InfoOptions& options, const GlobalOptions& global) {
+    const int address = parse_address(options.address);
+    Session session(global, address, OnExit::LeaveAsFound);
+    auto& actuator = session.actuator();
+    const std::vector<ocp_api::OCP_Items> items(ocp_api::ALL_ITEMS.begin(), ocp_api::ALL_ITEMS.end());
+    const auto values = actuator.getItemsBlocking(items, global.timeout_s);
+    if (values.empty())
+        throw DeviceError("no answer from " + hex(address) + " to the feedback request after " +
+                          format_seconds(global.timeout_s));
+    if (options.json) {
+        nlohmann::ordered_json result;
+        result["address"] = address;
+        result["hex"] = hex(address);
+        result["model"] = actuator.get_model_name();
+        result["firmware"] = actuator.get_firmware_version();
+        result["connected"] = actuator.is_connected();
+        nlohmann::ordered_json feedback = nlohmann::ordered_json::object();
+        for (const auto item : items) {
+            const auto found = values.find(item);
+            if (found != values.end()) feedback[std::string(ocp_api::item_name(item))] = json_number(found->second);
+        }
+        result["feedback"] = feedback;
+        std::printf("%s\n", result.dump(2).c_str());
+        return 0;
+    }
+    std::printf("%-16s %s\n", "address", hex(address).c_str());
+    std::printf("%-16s %s\n", "model", actuator.get_model_name().c_str());
+    std::printf("%-16s %s\n", "firmware", actuator.get_firmware_version().c_str());
+    std::printf("%-16s %s\n", "connected", actuator.is_connected() ? "yes" : "no");
+    for (const auto item : items) {
+        const auto found = values.find(item);
+        if (found != values.end())
+            std::printf("%-16s %s\n", std::string(ocp_api::item_name(item)).c_str(), format_value(found->second).c_str());
+    }
+    return 0;
+}
+
+// ---------------------------------------------------------------- params
+
+struct ParamsGetOptions {
+    std::string address;
+    std::vector<std::string> names;
+    bool json = false;
+};
+
+int run_params_get(const ParamsGetOptions& options, const GlobalOptions& global) {
+    const int address = parse_address(options.address);
+    std::vector<OCP_Parameters> ids;
+    for (const auto& name : options.names) ids.push_back(parse_parameter(name));
+    if (ids.empty()) ids.assign(ocp_api::ALL_PARAMETERS.begin(), ocp_api::ALL_PARAMETERS.end());
+    Session session(global, address, OnExit::LeaveAsFound);
+    print_parameters(address, ids, read_parameters(session, address, ids, global.timeout_s), options.json);
+    return 0;
+}
+
+struct ParamsSetOptions {
+    std::string address;
+    std::vector<std::string> assignments;
+};
+
+int run_params_set(const ParamsSetOptions& options, const GlobalOptions& global) {
+    const int address = parse_address(options.address);
+    ParameterMap values;
+    std::vector<OCP_Parameters> ids;
+    for (const auto& assignment : options.assignments) {
+        const std::size_t equals = assignment.find('=');
+        if (equals == std::string::npos)
+            throw UsageError("expected NAME=VALUE, got '" + assignment + "' (for example LIMIT_TORQUE=2.5)");
+        const OCP_Parameters id = parse_parameter(assignment.substr(0, equals));
+        if (id == OCP_Parameters::ADDRESS)
+            throw UsageError("ADDRESS is changed with 'ocpctl address ADDR NEW', which follows the device");
+        const float value = parse_float(assignment.substr(equals + 1), std::string(ocp_api::parameter_name(id)) + " value");
+        if (values.count(id) == 0) ids.push_back(id);
+        values[id] = value;
+    }
+    Session session(global, address, OnExit::LeaveAsFound);
+    session.actuator().set_parameters(values);
+    // What the device holds now, which is what took effect.
+    print_parameters(address, ids, read_parameters(session, address, ids, global.timeout_s), false);
+    return 0;
+}
+
+// ---------------------------------------------------------------- simple commands
+
+struct AddressOnly {
+    std::string address;
+    bool yes = false;
+};
+
+using Action = std::function<std::string(Session&, int address)>;
+
+int run_simple(const AddressOnly& options, const GlobalOptions& global, OnExit on_exit, const Action& action) {
+    const int address = parse_address(options.address);
+    Session session(global, address, on_exit);
+    std::printf("%s\n", action(session, address).c_str());
+    return 0;
+}
+
+void add_simple(CLI::App& parent, const GlobalOptions& global, Runner& runner, const std::string& name,
+                const std::string& description, OnExit on_exit, Action action, bool needs_yes = false) {
+    auto options = std::make_shared<AddressOnly>();
+    CLI::App* command = parent.add_subcommand(name, description);
+    command->add_option("ADDR", options->address, "Actuator address, such as 0x21")->required();
+    if (needs_yes) command->add_flag("--yes", options->yes, "Confirm");
+    command->footer("Example:\n  ocpctl " + name + " 0x21" + (needs_yes ? " --yes" : ""));
+    command->callback([&runner, &global, options, on_exit, action, name, needs_yes] {
+        runner = [&global, options, on_exit, action, name, needs_yes] {
+            if (needs_yes && !options->yes)
+                throw UsageError(name + " needs --yes: the device leaves normal operation until it is power-cycled");
+            return run_simple(*options, global, on_exit, action);
+        };
+    });
+}
+
+// ---------------------------------------------------------------- address
+
+struct AddressOptions {
+    std::string address;
+    std::string new_address;
+    bool save = false;
+};
+
+int run_address(const AddressOptions& options, const GlobalOptions& global) {
+    const int address = parse_address(options.address);
+    const int new_address = parse_address(options.new_address);
+    if (new_address == address) throw UsageError("the device already has address " + hex(address));
+    Session session(global, address, OnExit::LeaveAsFound);
+    session.actuator().changeAddress(new_address);
+    if (options.save) session.actuator().save_config();
+    session.release_actuator();
+    // The old registration stays with the transport after an address change.
+    session.transport().removeCallback(address);
+    connect_actuator(session.transport(), new_address, global.timeout_s).reset();
+    std::printf("%s -> %s (%s)\n", hex(address).c_str(), hex(new_address).c_str(),
+                options.save ? "saved" : ("not saved: back at " + hex(address) + " after a power cycle").c_str());
+    return 0;
+}
+
+}  // namespace
+
+void add_device_commands(CLI::App& app, const GlobalOptions& global, Runner& runner) {
+    {
+        auto options = std::make_shared<InfoOptions>();
+        CLI::App* info = app.add_subcommand("info", "Model, firmware and current feedback of one actuator");
+        info->add_option("ADDR", options->address, "Actuator address, such as 0x21")->required();
+        info->add_flag("--json", options->json, "Print the result as JSON");
+        info->footer("Examples:\n  ocpctl info 0x21\n  ocpctl info 0x21 --json");
+        info->callback([&runner, &global, options] { runner = [&global, options] { return run_info(*options, global); }; });
+    }
+    {
+        CLI::App* params = app.add_subcommand("params", "Read or write device parameters");
+        params->require_subcommand(1);
+        auto get_options = std::make_shared<ParamsGetOptions>();
+        CLI::App* get = params->add_subcommand("get", "Read parameters (all 31 when no name is given)");
+        get->add_option("ADDR", get_options->address, "Actuator address")->required();
+        get->add_option("NAME", get_options->names, "Parameter names (case-insensitive) or codes");
+        get->add_flag("--json", get_options->json, "Print the result as JSON");
+        get->footer("Examples:\n  ocpctl params get 0x21\n  ocpctl params get 0x21 limit_torque 0x80 --json");
+        get->callback([&runner, &global, get_options] {
+            runner = [&global, get_options] { return run_params_get(*get_options, global); };
+        });
+        auto set_options = std::make_shared<ParamsSetOptions>();
+        CLI::App* set = params->add_subcommand("set", "Write parameters, then print what the device holds");
+        set->add_option("ADDR", set_options->address, "Actuator address")->required();
+        set->add_option("NAME=VALUE", set_options->assignments, "Assignments")->required();
+        set->footer("Example:\n  ocpctl params set 0x21 LIMIT_TORQUE=2.5 k_stiff=4");
+        set->callback([&runner, &global, set_options] {
+            runner = [&global, set_options] { return run_params_set(*set_options, global); };
+        });
+    }
+    add_simple(app, global, runner, "save", "Store the parameters in the device's non-volatile memory",
+               OnExit::LeaveAsFound, [](Session& s, int a) {
+                   s.actuator().save_config();
+                   return hex(a) + ": configuration saved";
+               });
+    add_simple(app, global, runner, "clear", "Clear the stored configuration (the device resets)",
+               OnExit::LeaveAsFound, [](Session& s, int a) {
+                   s.actuator().clear_config();
+                   return hex(a) + ": configuration cleared; the device resets to factory defaults";
+               });
+    add_simple(app, global, runner, "factory-reset", "Stop, silence and clear the device, and forget local state",
+               OnExit::Stop, [](Session& s, int a) {
+                   s.actuator().restore_factory_parameters(0.2f);
+                   return hex(a) + ": factory parameters restored";
+               });
+    add_simple(app, global, runner, "blink", "Make the device blink to find it", OnExit::LeaveAsFound,
+               [](Session& s, int a) {
+                   s.actuator().blink();
+                   return hex(a) + ": blinking";
+               });
+    add_simple(app, global, runner, "home", "Make the present position the zero position", OnExit::LeaveAsFound,
+               [](Session& s, int a) {
+                   s.actuator().set_home_position();
+                   return hex(a) + ": home position set";
+               });
+    add_simple(app, global, runner, "start", "Enable the motor (it stays enabled when ocpctl exits)",
+               OnExit::LeaveAsFound, [](Session& s, int a) {
+                   s.actuator().start();
+                   return hex(a) + ": started";
+               });
+    add_simple(app, global, runner, "stop", "Disable the motor", OnExit::Stop, [](Session& s, int a) {
+        s.actuator().stop();
+        return hex(a) + ": stopped";
+    });
+    add_simple(
+        app, global, runner, "bootloader", "Enter the firmware boot loader (needs --yes)", OnExit::LeaveAsFound,
+        [](Session& s, int a) {
+            s.actuator().enter_bootloader();
+            return hex(a) + ": in the boot loader until its next power cycle";
+        },
+        true);
+    {
+        auto options = std::make_shared<AddressOptions>();
+        CLI::App* address = app.add_subcommand("address", "Give the device a new bus address");
+        address->add_option("ADDR", options->address, "Present address")->required();
+        address->add_option("NEW", options->new_address, "New address, 0x10..0x3FFE")->required();
+        address->add_flag("--save", options->save, "Save the configuration so the address survives a power cycle");
+        address->footer("Example:\n  ocpctl address 0x21 0x30 --save");
+        address->callback(
+            [&runner, &global, options] { runner = [&global, options] { return run_address(*options, global); }; });
+    }
+}
+
+}  // namespace ocpctl
