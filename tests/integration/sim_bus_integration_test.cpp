@@ -11,25 +11,18 @@
 #include "ocp_api/orrery_actuator.hpp"
 #include "ocp_api/sim_bus.hpp"
 #include "ocp_api/version.hpp"
+#include "support/eventually.hpp"
 #include "support/stream_capture.hpp"
 
 namespace {
 
 using namespace ocp_api;
 using namespace std::chrono_literals;
+using ocp_test::eventually;
 using ocp_test::StreamCapture;
 using Items = OCP_Items;
 using P = OCP_Parameters;
 
-template <typename Predicate>
-bool eventually(Predicate done, std::chrono::seconds bound = std::chrono::seconds(30)) {
-    const auto deadline = std::chrono::steady_clock::now() + bound;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
-}
 
 bool quiescent(const SimBus& bus) {
     const auto c = bus.counters();

@@ -9,6 +9,7 @@
 
 #include "ocp_api/version.hpp"
 #include "ocp_api/wire.hpp"
+#include "support/eventually.hpp"
 #include "support/recording_transport.hpp"
 
 namespace {
@@ -17,15 +18,6 @@ using namespace ocp_api;
 using namespace ocp_test;
 
 // Waits, with a generous bound, until `done` holds.
-template <typename Predicate>
-bool eventually(Predicate done, std::chrono::seconds bound = std::chrono::seconds(20)) {
-    const auto deadline = std::chrono::steady_clock::now() + bound;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
 
 TEST(SimBus, AddActuatorRejectsInvalidAndTakenAddresses) {
     SimBus bus;

@@ -52,22 +52,22 @@ std::vector<int> sim_addresses(const std::string& argument) {
 
 std::vector<int> default_sim_addresses() { return {0x21, 0x22, 0x23}; }
 
-BusSpec parse_bus(const std::string& text) {
+BusChoice parse_bus(const std::string& text) {
     const std::size_t colon = text.find(':');
-    BusSpec spec{text.substr(0, colon), colon == std::string::npos ? "" : text.substr(colon + 1), text};
+    BusChoice choice{text.substr(0, colon), colon == std::string::npos ? "" : text.substr(colon + 1), text};
     for (const auto& scheme : SCHEMES) {
-        if (spec.scheme == scheme.name) {
-            if (spec.scheme == "sim") sim_addresses(spec.argument);  // checked now, before anything opens
-            return spec;
+        if (choice.scheme == scheme.name) {
+            if (choice.scheme == "sim") sim_addresses(choice.argument);  // checked now, before anything opens
+            return choice;
         }
     }
     throw UsageError("unknown bus '" + text + "' (known: " + known_schemes() + ")");
 }
 
-Bus::Bus(const BusSpec& spec) {
-    if (spec.scheme == "sim") {
+Bus::Bus(const BusChoice& choice) {
+    if (choice.scheme == "sim") {
         auto sim = std::make_unique<ocp_api::SimBus>();
-        const std::vector<int> addresses = sim_addresses(spec.argument);
+        const std::vector<int> addresses = sim_addresses(choice.argument);
         for (std::size_t i = 0; i < addresses.size(); ++i) {
             const std::size_t model = i % (sizeof SIM_MODELS / sizeof SIM_MODELS[0]);
             sim->add_actuator(addresses[i], SIM_MODELS[model], SIM_FIRMWARE[model]);
@@ -76,7 +76,7 @@ Bus::Bus(const BusSpec& spec) {
         transport_ = std::move(sim);
         return;
     }
-    throw UsageError("unknown bus '" + spec.text + "' (known: " + known_schemes() + ")");
+    throw UsageError("unknown bus '" + choice.text + "' (known: " + known_schemes() + ")");
 }
 
 }  // namespace ocpctl

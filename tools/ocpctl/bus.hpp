@@ -11,7 +11,7 @@
 
 namespace ocpctl {
 
-struct BusSpec {
+struct BusChoice {
     std::string scheme;     // "sim"
     std::string argument;   // what follows the colon, if anything
     std::string text;       // as the user wrote it
@@ -19,11 +19,11 @@ struct BusSpec {
 
 // Splits and checks a --bus value; throws UsageError for an unknown scheme or
 // a malformed argument, before anything is opened.
-BusSpec parse_bus(const std::string& text);
+BusChoice parse_bus(const std::string& text);
 
 class Bus {
 public:
-    explicit Bus(const BusSpec& spec);
+    explicit Bus(const BusChoice& choice);
     ocp_api::OCP& transport() { return *transport_; }
     // The simulated bus behind the transport, or nullptr on a real one.
     ocp_api::SimBus* simulated() { return sim_; }

@@ -13,23 +13,19 @@ namespace ocpctl {
 
 namespace {
 
-std::string join_item_names() {
+// "A, B, C" from the names of every identifier in `all`.
+template <typename Identifiers, typename NameOf>
+std::string join_names(const Identifiers& all, NameOf name_of) {
     std::string names;
-    for (const auto item : ocp_api::ALL_ITEMS) {
+    for (const auto identifier : all) {
         if (!names.empty()) names += ", ";
-        names += ocp_api::item_name(item);
+        names += name_of(identifier);
     }
     return names;
 }
 
-std::string join_parameter_names() {
-    std::string names;
-    for (const auto parameter : ocp_api::ALL_PARAMETERS) {
-        if (!names.empty()) names += ", ";
-        names += ocp_api::parameter_name(parameter);
-    }
-    return names;
-}
+std::string join_item_names() { return join_names(ocp_api::ALL_ITEMS, ocp_api::item_name); }
+std::string join_parameter_names() { return join_names(ocp_api::ALL_PARAMETERS, ocp_api::parameter_name); }
 
 // Parses a whole decimal or 0x-prefixed hexadecimal integer (never octal:
 // 010 is ten).
@@ -96,6 +92,16 @@ ocp_api::OCP_Parameters parse_parameter(const std::string& name_or_code) {
 ocp_api::Mode parse_mode(const std::string& name) {
     if (const auto mode = ocp_api::mode_from_name(name)) return *mode;
     throw UsageError("unknown mode '" + name + "' (expected torque, speed, position or impedance)");
+}
+
+MotionCommand parse_motion(const std::string& mode_text, const std::string& setpoint, const std::string& stiffness,
+                           const std::string& damping) {
+    const ocp_api::Mode mode = parse_mode(mode_text);
+    const float target = parse_float(setpoint, "setpoint");
+    if ((!stiffness.empty() || !damping.empty()) && mode != ocp_api::Mode::IMPEDANCE)
+        throw UsageError("--stiffness and --damping apply to --mode impedance only, not " + mode_text);
+    return {mode, target, stiffness.empty() ? NAN : parse_float(stiffness, "stiffness"),
+            damping.empty() ? NAN : parse_float(damping, "damping")};
 }
 
 int parse_rate(double hz) {

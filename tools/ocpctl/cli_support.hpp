@@ -49,6 +49,33 @@ std::string format_value(float value);
 std::string format_exact(float value);
 std::string format_seconds(double seconds);
 
+// What move and simulate command: a mode, its setpoint and, for impedance,
+// optional gains (NaN leaves the device's own gains in place).
+struct MotionCommand {
+    ocp_api::Mode mode;
+    float setpoint;
+    float stiffness;
+    float damping;
+};
+
+// Checks --mode, --setpoint, --stiffness and --damping together; empty gain
+// texts mean "not given".
+MotionCommand parse_motion(const std::string& mode, const std::string& setpoint, const std::string& stiffness,
+                           const std::string& damping);
+
+// Sends the command's per-mode setpoint; written once for both actuator classes.
+template <typename Actuator>
+void command_motion(Actuator& actuator, const MotionCommand& command) {
+    switch (command.mode) {
+        case ocp_api::Mode::TORQUE: actuator.change_torque_setpoint(command.setpoint); break;
+        case ocp_api::Mode::SPEED: actuator.change_speed_setpoint(command.setpoint); break;
+        case ocp_api::Mode::POSITION: actuator.change_position_setpoint(command.setpoint); break;
+        case ocp_api::Mode::IMPEDANCE:
+            actuator.change_impedance_setpoint(command.setpoint, 0.0f, command.stiffness, command.damping);
+            break;
+    }
+}
+
 // Connects an actuator or throws DeviceError naming the address and the wait.
 std::unique_ptr<ocp_api::OrreryActuator> connect_actuator(ocp_api::OCP& bus, int address, float timeout_s);
 

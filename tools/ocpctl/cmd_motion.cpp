@@ -41,26 +41,9 @@ struct MoveOptions {
     double seconds = 2.0;
 };
 
-void send_setpoint(ocp_api::OrreryActuator& actuator, ocp_api::Mode mode, float setpoint, float stiffness,
-                   float damping) {
-    switch (mode) {
-        case ocp_api::Mode::TORQUE: actuator.change_torque_setpoint(setpoint); break;
-        case ocp_api::Mode::SPEED: actuator.change_speed_setpoint(setpoint); break;
-        case ocp_api::Mode::POSITION: actuator.change_position_setpoint(setpoint); break;
-        case ocp_api::Mode::IMPEDANCE: actuator.change_impedance_setpoint(setpoint, 0.0f, stiffness, damping); break;
-    }
-}
-
 int run_move(const MoveOptions& options, const GlobalOptions& global) {
     const int address = parse_address(options.address);
-    const ocp_api::Mode mode = parse_mode(options.mode);
-    const float setpoint = parse_float(options.setpoint, "setpoint");
-    const bool has_gains = !options.stiffness.empty() || !options.damping.empty();
-    if (has_gains && mode != ocp_api::Mode::IMPEDANCE)
-        throw UsageError("--stiffness and --damping apply to --mode impedance only, not " + options.mode);
-    // NaN gains leave the device's own values in place.
-    const float stiffness = options.stiffness.empty() ? NAN : parse_float(options.stiffness, "stiffness");
-    const float damping = options.damping.empty() ? NAN : parse_float(options.damping, "damping");
+    const MotionCommand command = parse_motion(options.mode, options.setpoint, options.stiffness, options.damping);
     const double seconds = parse_seconds(options.seconds, "--for");
 
     const StopSignal stop_signal;
@@ -69,9 +52,9 @@ int run_move(const MoveOptions& options, const GlobalOptions& global) {
     actuator.setFeedbackItems(MOTION_ITEMS);
     actuator.setFeedbackRate(50);
     actuator.start();
-    send_setpoint(actuator, mode, setpoint, stiffness, damping);
+    command_motion(actuator, command);
     std::fprintf(stderr, "%s: %s %s for %s (Ctrl-C stops it)\n", hex(address).c_str(),
-                 std::string(ocp_api::mode_name(mode)).c_str(), format_value(setpoint).c_str(),
+                 std::string(ocp_api::mode_name(command.mode)).c_str(), format_value(command.setpoint).c_str(),
                  format_seconds(seconds).c_str());
 
     const auto start = Clock::now();

@@ -34,18 +34,13 @@ struct SimulateOptions {
 };
 
 // Runs the scenario and writes time and the items, one row per sample.
-void write_trajectory(std::ostream& out, ocp_api::Mode mode, float setpoint, float load, float stiffness,
-                      float damping, double seconds, int rate, const std::vector<Items>& items) {
+void write_trajectory(std::ostream& out, const MotionCommand& command, float load, double seconds, int rate,
+                      const std::vector<Items>& items) {
     ocp_api::OrreryActuatorVirtual sim(0x21);
     sim.set_feedback_items(items);
     sim.change_load(load);
     sim.start();
-    switch (mode) {
-        case ocp_api::Mode::TORQUE: sim.change_torque_setpoint(setpoint); break;
-        case ocp_api::Mode::SPEED: sim.change_speed_setpoint(setpoint); break;
-        case ocp_api::Mode::POSITION: sim.change_position_setpoint(setpoint); break;
-        case ocp_api::Mode::IMPEDANCE: sim.change_impedance_setpoint(setpoint, 0.0f, stiffness, damping); break;
-    }
+    command_motion(sim, command);
     const int steps_per_sample = (10000 + rate / 2) / rate;
     const long samples = std::lround(seconds * 10000.0 / steps_per_sample);
     out << "time_s";
@@ -99,14 +94,8 @@ void plot_with_gnuplot(const std::string& csv_path, const std::string& png_path,
 }
 
 int run_simulate(const SimulateOptions& options) {
-    const ocp_api::Mode mode = parse_mode(options.mode);
-    const float setpoint = parse_float(options.setpoint, "setpoint");
+    const MotionCommand command = parse_motion(options.mode, options.setpoint, options.stiffness, options.damping);
     const float load = parse_float(options.load, "load");
-    const bool has_gains = !options.stiffness.empty() || !options.damping.empty();
-    if (has_gains && mode != ocp_api::Mode::IMPEDANCE)
-        throw UsageError("--stiffness and --damping apply to --mode impedance only, not " + options.mode);
-    const float stiffness = options.stiffness.empty() ? NAN : parse_float(options.stiffness, "stiffness");
-    const float damping = options.damping.empty() ? NAN : parse_float(options.damping, "damping");
     const double seconds = parse_seconds(options.seconds, "--duration");
     const int rate = parse_rate(options.rate);
     const std::vector<Items> items = parse_items(options.items);
@@ -120,17 +109,17 @@ int run_simulate(const SimulateOptions& options) {
     }
     if (csv_path.empty()) {
         std::ostringstream text;
-        write_trajectory(text, mode, setpoint, load, stiffness, damping, seconds, rate, items);
+        write_trajectory(text, command, load, seconds, rate, items);
         std::fputs(text.str().c_str(), stdout);
     } else {
         std::ofstream file(csv_path);
         if (!file) throw UsageError("cannot write " + csv_path);
-        write_trajectory(file, mode, setpoint, load, stiffness, damping, seconds, rate, items);
+        write_trajectory(file, command, load, seconds, rate, items);
         file.close();
         if (!file) throw UsageError("cannot write " + csv_path);
     }
     if (!options.plot.empty()) {
-        const std::string title = std::string(ocp_api::mode_name(mode)) + " " + format_value(setpoint) +
+        const std::string title = std::string(ocp_api::mode_name(command.mode)) + " " + format_value(command.setpoint) +
                                   (load != 0.0f ? ", load " + format_value(load) : std::string());
         plot_with_gnuplot(csv_path, options.plot, items.size(), title);
         std::fprintf(stderr, "ocpctl: plot written to %s\n", options.plot.c_str());
