@@ -98,6 +98,9 @@ private:
 // is the transport's receive thread, and callbacks run there. send() is safe
 // from any thread, callbacks included; frames reach a device in the order they
 // were sent. An emulated adapter answers pings at address 0.
+//
+// As with any transport, destroy the actuators that use the bus before the bus,
+// and do not destroy the bus from inside one of its callbacks.
 class SimBus : public OCP {
 public:
     explicit SimBus(SimBusOptions options = {});

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <deque>
 #include <functional>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 
@@ -24,14 +25,9 @@ constexpr double NANOSECONDS_PER_STEP = 1e5;
 constexpr std::chrono::milliseconds IDLE_WAKE_PERIOD{20};
 
 std::string hex_address(int address) {
-    static const char digits[] = "0123456789abcdef";
-    std::string text;
-    auto value = static_cast<unsigned>(address);
-    do {
-        text.insert(text.begin(), digits[value % 16]);
-        value /= 16;
-    } while (value != 0);
-    return "0x" + text;
+    std::ostringstream text;
+    text << "0x" << std::hex << address;
+    return text.str();
 }
 
 }  // namespace

@@ -5,7 +5,8 @@
 namespace ocpctl {
 
 bool ExitStopFilter::send(int address, const std::vector<uint8_t>& frame) {
-    if (armed_ && frame == ocp_api::wire::make_frame(ocp_api::wire::Command::STOP)) return true;
+    const bool is_stop = frame.size() == 1 && frame[0] == static_cast<uint8_t>(ocp_api::wire::Command::STOP);
+    if (armed_ && is_stop) return true;
     return bus_.send(address, frame);
 }
 
