@@ -41,11 +41,23 @@ TEST_F(Errors, EveryDescribedBitDecodes) {
     ErrorMap seen;
     actuator.set_error_callback([&](int, ErrorMap errors) { seen = std::move(errors); });
     actuator.parse_errors(0xFFFFFFFFu);
-    EXPECT_EQ(seen.size(), 15u);
-    EXPECT_EQ(seen.at(0), "Overtemperature");
-    EXPECT_EQ(seen.at(12), "Control overrun");
-    EXPECT_EQ(seen.at(29), "VBUS critical range");
-    EXPECT_EQ(seen.at(31), "External encoder error");
+    EXPECT_EQ(seen, (ErrorMap{
+                        {0, "Overtemperature"},
+                        {2, "Position reference maximum"},
+                        {3, "Position reference minimum"},
+                        {4, "Speed feedback maximum"},
+                        {5, "VBUS out of range"},
+                        {6, "Torque reference maximum"},
+                        {7, "Torque feedback maximum"},
+                        {8, "Position feedback maximum"},
+                        {9, "Position feedback minimum"},
+                        {12, "Control overrun"},
+                        {16, "Current maximum"},
+                        {17, "Invalid limits"},
+                        {29, "VBUS critical range"},
+                        {30, "Internal encoder error"},
+                        {31, "External encoder error"},
+                    }));
 }
 
 TEST_F(Errors, DefaultCallbackReportsAndStopsOnceForOneSevereBit) {
