@@ -67,8 +67,8 @@ public:
     EmulatedActuator& operator=(const EmulatedActuator&) = delete;
 
     int address() const;
-    uint16_t model_code() const { return model_code_; }
-    uint16_t firmware_word() const { return firmware_word_; }
+    uint16_t model_code() const;
+    uint16_t firmware_word() const;
     PhysicsAccess physics();
     // Sends an ERROR_FLAGS record now and reports the word in item ERRORS_90
     // until it is replaced (inject_errors(0) clears it) or the device restarts.
@@ -88,8 +88,6 @@ private:
 
     SimBus& bus_;
     const std::unique_ptr<detail::EmulatedDevice> device_;
-    const uint16_t model_code_;
-    const uint16_t firmware_word_;
 };
 
 // The bus and its worker thread. The worker advances every device's physics in

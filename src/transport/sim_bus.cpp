@@ -71,12 +71,13 @@ struct SimBus::Pending {
 // --- EmulatedActuator: the thread-safe face of one device ------------------
 
 EmulatedActuator::EmulatedActuator(SimBus& bus, std::unique_ptr<detail::EmulatedDevice> device)
-    : bus_(bus),
-      device_(std::move(device)),
-      model_code_(device_->model_code()),
-      firmware_word_(device_->firmware_word()) {}
+    : bus_(bus), device_(std::move(device)) {}
 
 EmulatedActuator::~EmulatedActuator() = default;
+
+// A device's model code and firmware word never change: no lock needed.
+uint16_t EmulatedActuator::model_code() const { return device_->model_code(); }
+uint16_t EmulatedActuator::firmware_word() const { return device_->firmware_word(); }
 
 int EmulatedActuator::address() const {
     std::lock_guard<std::mutex> lock(bus_.mutex_);

@@ -227,7 +227,7 @@ TEST(Ocpctl, SimulatePlotIsAPng) {
     file.read(signature, 8);
     EXPECT_EQ(std::string(signature, 8), std::string("\x89PNG\r\n\x1a\n", 8));
     EXPECT_GT(fs::file_size(png), 1000u);
-    EXPECT_NE(result.out.find("time_s,POS_FB_4C"), 0u) << "with --plot and no --out nothing goes to stdout";
+    EXPECT_EQ(result.out, "") << "with --plot and no --out nothing goes to stdout";
     fs::remove(png);
 }
 

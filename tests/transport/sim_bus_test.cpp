@@ -116,7 +116,7 @@ TEST(SimBus, CloseFromInsideACallbackDoesNotDeadlock) {
     EXPECT_FALSE(bus.send(0, {0x40}));
 }
 
-TEST(SimBus, PhysicsAccessHoldsTheBus) {
+TEST(SimBus, PhysicsAccessReachesTheDevicesModel) {
     SimBus bus;
     bus.add_actuator(0x21);
     bus.actuator(0x21).physics()->change_load(0.5f);

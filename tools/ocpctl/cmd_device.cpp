@@ -1,11 +1,10 @@
 // ocpctl commands that read or administer one actuator: info, params,
 // save, clear, factory-reset, address, blink, home, start, stop, bootloader.
+#include <cmath>
 #include <cstdio>
-#include <map>
 #include <memory>
 
 #include <nlohmann/json.hpp>
-#include <ocp_api/wire.hpp>
 
 #include "commands.hpp"
 #include "session.hpp"

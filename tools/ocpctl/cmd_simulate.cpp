@@ -1,10 +1,8 @@
 // ocpctl simulate: a simulated-actuator scenario run as fast as it can, written
 // as CSV and optionally plotted with gnuplot.
 #include <unistd.h>
-#include <sys/wait.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
