@@ -1,12 +1,20 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the project needs, only those that are missing.
 # Quiet when everything is present; safe to run any number of times.
+#   build and tools: cmake .. gnuplot-nox, help2man (man page), bash-completion
+#   fuzzing: clang with its libFuzzer and sanitizer runtimes
+#   SocketCAN tests in a small VM: qemu, busybox, can-utils, iproute2 (the
+#     guest kernel itself is fetched with apt-get download and only unpacked)
+#   Python bindings: Debian's python3 with pybind11, pytest and python-can
 set -euo pipefail
 
 packages=(
   cmake ninja-build g++ make pkg-config
   googletest libgtest-dev libgmock-dev libbenchmark-dev
-  libcli11-dev nlohmann-json3-dev gnuplot-nox
+  libcli11-dev nlohmann-json3-dev gnuplot-nox help2man bash-completion
+  clang libclang-rt-14-dev
+  qemu-system-x86 busybox-static can-utils iproute2 xz-utils binutils
+  python3 python3-dev pybind11-dev python3-pybind11 python3-pytest python3-can
 )
 
 missing=()

@@ -1,4 +1,4 @@
-#include "transport/emulated_device.hpp"
+#include "emulation/emulated_device.hpp"
 
 #include <algorithm>
 #include <climits>

@@ -12,7 +12,7 @@
 
 #include "ocp_api/version.hpp"
 #include "ocp_api/wire.hpp"
-#include "transport/emulated_device.hpp"
+#include "emulation/emulated_device.hpp"
 
 namespace ocp_api {
 

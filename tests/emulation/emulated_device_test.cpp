@@ -1,5 +1,5 @@
 // The emulated device's answers, byte for byte, without a bus or threads.
-#include "transport/emulated_device.hpp"
+#include "emulation/emulated_device.hpp"
 
 #include <gtest/gtest.h>
 
