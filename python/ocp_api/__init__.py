@@ -1,0 +1,42 @@
+"""Drive servo actuators on a CAN bus from Python.
+
+The classes are those of the C++ library ``ocp_api`` with the same method
+names: ``OrreryActuator`` drives one actuator through a transport (``OCP``),
+``OrreryActuatorScanner`` finds actuators, ``OrreryActuatorVirtual`` simulates
+one with no bus, and ``SimBus`` is a simulated bus with emulated actuators.
+Enumerations are nested as in C++: ``OrreryActuator.OCP_Items.POS_FB_41``.
+"""
+
+from ._ocp_api import (
+    OCP,
+    UNCHANGED,
+    EmulatedActuator,
+    OrreryActuator,
+    OrreryActuatorScanner,
+    OrreryActuatorVirtual,
+    ReceiveCallback,
+    SimBus,
+    SimBusCounters,
+    SimBusOptions,
+    __version__,
+)
+
+__all__ = [
+    "OCP",
+    "UNCHANGED",
+    "EmulatedActuator",
+    "OrreryActuator",
+    "OrreryActuatorScanner",
+    "OrreryActuatorVirtual",
+    "ReceiveCallback",
+    "SimBus",
+    "SimBusCounters",
+    "SimBusOptions",
+]
+
+# The classes live in the extension module; show them where users import them.
+for _name in __all__:
+    _object = globals()[_name]
+    if isinstance(_object, type):
+        _object.__module__ = __name__
+del _name, _object

@@ -1,0 +1,86 @@
+// The identifier enumerations, nested in the actuator classes as in C++.
+#include "enumerations.hpp"
+
+#include <type_traits>
+
+#include "bindings.hpp"
+#include "ocp_api/orrery_actuator.hpp"
+
+namespace ocp_api::python {
+namespace {
+
+template <class To, class From>
+To same_value(From value) {
+    return static_cast<To>(static_cast<std::underlying_type_t<From>>(value));
+}
+
+template <class Class>
+void bind_enumerations_in(py::handle scope) {
+    using Items = typename Class::OCP_Items;
+    using Parameters = typename Class::OCP_Parameters;
+    using Rates = typename Class::Rates;
+    using Mode = typename Class::Mode;
+    using TorquePerformance = typename Class::TorquePerformance;
+    using SpeedPerformance = typename Class::SpeedPerformance;
+
+    py::enum_<Items> items(scope, "OCP_Items", "Feedback item codes; the value is the record code in a reply.");
+    for (const auto item : ALL_ITEMS) {
+        items.value(std::string(item_name(item)).c_str(), same_value<Items>(item));
+    }
+    remember_members<Items>(items);
+
+    py::enum_<Parameters> parameters(scope, "OCP_Parameters",
+                                     "Parameter identifiers; the value is the identifier byte of a parameter record.");
+    for (const auto parameter : ALL_PARAMETERS) {
+        parameters.value(std::string(parameter_name(parameter)).c_str(), same_value<Parameters>(parameter));
+    }
+    remember_members<Parameters>(parameters);
+
+    py::enum_<Rates>(scope, "Rates", "Feedback rates in Hz. Methods taking a rate also take any int up to 10000.")
+        .value("RATE_OFF", Rates::RATE_OFF)
+        .value("RATE_1HZ", Rates::RATE_1HZ)
+        .value("RATE_10HZ", Rates::RATE_10HZ)
+        .value("RATE_50HZ", Rates::RATE_50HZ)
+        .value("RATE_100HZ", Rates::RATE_100HZ)
+        .value("RATE_200HZ", Rates::RATE_200HZ)
+        .value("RATE_500HZ", Rates::RATE_500HZ)
+        .value("RATE_1KHZ", Rates::RATE_1KHZ)
+        .value("RATE_2KHZ", Rates::RATE_2KHZ)
+        .value("RATE_5KHZ", Rates::RATE_5KHZ)
+        .value("RATE_10KHZ", Rates::RATE_10KHZ);
+
+    py::enum_<Mode>(scope, "Mode", "Control modes; the value is the byte of the mode command.")
+        .value("TORQUE", Mode::TORQUE)
+        .value("SPEED", Mode::SPEED)
+        .value("POSITION", Mode::POSITION)
+        .value("IMPEDANCE", Mode::IMPEDANCE);
+
+    py::enum_<TorquePerformance>(scope, "TorquePerformance", "Torque performance presets.")
+        .value("PRESET_0", TorquePerformance::PRESET_0)
+        .value("PRESET_1", TorquePerformance::PRESET_1)
+        .value("PRESET_2", TorquePerformance::PRESET_2)
+        .value("PRESET_3", TorquePerformance::PRESET_3);
+
+    py::enum_<SpeedPerformance>(scope, "SpeedPerformance", "Speed performance presets.")
+        .value("PRESET_0", SpeedPerformance::PRESET_0)
+        .value("PRESET_1", SpeedPerformance::PRESET_1)
+        .value("PRESET_2", SpeedPerformance::PRESET_2)
+        .value("PRESET_3", SpeedPerformance::PRESET_3);
+}
+
+constexpr const char* ENUMERATION_NAMES[] = {"OCP_Items", "OCP_Parameters", "Rates",
+                                             "Mode", "TorquePerformance", "SpeedPerformance"};
+
+}  // namespace
+
+void bind_enumerations(ActuatorClass& actuator, VirtualClass& simulated) {
+    bind_enumerations_in<OrreryActuator>(actuator);
+    if constexpr (std::is_same_v<OrreryActuator::OCP_Items, OrreryActuatorVirtual::OCP_Items>) {
+        // One C++ type can be registered once: both classes share the members.
+        for (const char* name : ENUMERATION_NAMES) simulated.attr(name) = actuator.attr(name);
+    } else {
+        bind_enumerations_in<OrreryActuatorVirtual>(simulated);
+    }
+}
+
+}  // namespace ocp_api::python
