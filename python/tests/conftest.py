@@ -1,0 +1,102 @@
+"""Shared helpers: a recording transport written in Python, float32 values,
+and waiting on a condition with a generous bound."""
+
+import struct
+import sys
+import threading
+import time
+
+import pytest
+
+import ocp_api
+
+
+def f32(value):
+    """`value` rounded to single precision, as the library computes."""
+    return struct.unpack("<f", struct.pack("<f", value))[0]
+
+
+def f32_bytes(*values):
+    return b"".join(struct.pack("<f", v) for v in values)
+
+
+def wait_until(condition, timeout_s=10.0):
+    """True as soon as condition() holds; False after timeout_s."""
+    deadline = time.monotonic() + timeout_s
+    while time.monotonic() < deadline:
+        if condition():
+            return True
+        time.sleep(0.001)
+    return condition()
+
+
+class RecordingTransport(ocp_api.OCP):
+    """A transport in Python that records every call and lets a test deliver
+    reply buffers, as the C++ tests' recording transport does."""
+
+    def __init__(self):
+        super().__init__()
+        self.lock = threading.Lock()
+        self.sent = []          # (address, frame bytes)
+        self.events = []        # ("set" | "send" | "remove" | "close", address)
+        self.callbacks = {}
+
+    def send(self, address, frame):
+        with self.lock:
+            self.sent.append((address, bytes(frame)))
+            self.events.append(("send", address))
+        return True
+
+    def setCallback(self, address, callback):
+        with self.lock:
+            self.callbacks[address] = callback
+            self.events.append(("set", address))
+
+    def removeCallback(self, address):
+        with self.lock:
+            self.callbacks.pop(address, None)
+            self.events.append(("remove", address))
+
+    def close(self):
+        with self.lock:
+            self.events.append(("close", -1))
+
+    def frames(self):
+        with self.lock:
+            return [frame for _, frame in self.sent]
+
+    def clear(self):
+        with self.lock:
+            self.sent.clear()
+            self.events.clear()
+
+    def deliver(self, address, data, kind=0):
+        with self.lock:
+            callback = self.callbacks.get(address)
+        return callback is not None and callback(address, data, kind)
+
+
+@pytest.fixture
+def transport():
+    return RecordingTransport()
+
+
+@pytest.fixture
+def sim_bus():
+    bus = ocp_api.SimBus()
+    yield bus
+    bus.close()
+
+
+@pytest.fixture
+def unraisable(monkeypatch):
+    """Collects what reaches sys.unraisablehook, from any thread."""
+    seen = []
+    lock = threading.Lock()
+
+    def hook(info):
+        with lock:
+            seen.append((info.exc_type, str(info.exc_value), info.err_msg, info.object))
+
+    monkeypatch.setattr(sys, "unraisablehook", hook)
+    return seen
