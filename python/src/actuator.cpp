@@ -1,5 +1,11 @@
-// OrreryActuator and OrreryActuatorScanner. Calls that wait for the device,
-// or for the receive thread to finish a callback, release the GIL meanwhile.
+// OrreryActuator and OrreryActuatorScanner.
+//
+// Every call that reaches the transport runs without the GIL: a transport may
+// hold its own lock while it needs the GIL (a python-can link sends under its
+// bus's lock), and its receive thread takes the GIL to run callbacks, so a
+// thread must never wait for a transport lock while holding the GIL. Calls
+// that wait for the device release it for the same reason and so that other
+// Python threads run meanwhile. Only the conversions to Python run with it.
 #include <pybind11/stl.h>
 
 #include <string>
@@ -62,8 +68,8 @@ void define_actuator(py::module_& module, ActuatorClass& cls) {
         .def("connect", &Actuator::connect, py::arg("timeout_s") = 1.0f, release_gil(),
              "Pings the device and records whether it answered within ``timeout_s``\n"
              "seconds (see ``is_connected``). Other Python threads run while it waits.")
-        .def("start", &Actuator::start, "Sends START.")
-        .def("stop", &Actuator::stop, "Sends STOP.")
+        .def("start", &Actuator::start, release_gil(), "Sends START.")
+        .def("stop", &Actuator::stop, release_gil(), "Sends STOP.")
         .def("disconnect", &Actuator::disconnect, release_gil(),
              "Sends STOP and removes the receive callback: no reply reaches this actuator any more.")
         .def(
@@ -91,22 +97,26 @@ void define_actuator(py::module_& module, ActuatorClass& cls) {
              py::arg("rate_hz"))
         .def(
             "send_ocp_common",
-            [](Actuator& self, const py::bytes& frame) { self.send_ocp_common(bytes_of(frame)); },
+            [](Actuator& self, const py::bytes& frame) {
+                auto bytes = bytes_of(frame);
+                without_gil([&] { self.send_ocp_common(bytes); });
+            },
             py::arg("frame"), "Sends a raw command frame (bytes) to the current address.")
         .def(
             "can_callback",
             [](Actuator& self, int source, const py::bytes& data, int kind) {
-                self.can_callback(source, bytes_of(data), kind);
+                auto bytes = bytes_of(data);
+                without_gil([&] { self.can_callback(source, std::move(bytes), kind); });
             },
             py::arg("source"), py::arg("data"), py::arg("kind") = 0,
             "Walks one reply buffer as if the transport had delivered it.")
 
         // --- feedback streaming ------------------------------------------------
-        .def("setFeedbackItems", &Actuator::setFeedbackItems, py::arg("items"),
+        .def("setFeedbackItems", &Actuator::setFeedbackItems, release_gil(), py::arg("items"),
              "Chooses the items the device streams (a list of ``OCP_Items``).")
-        .def("setFeedbackRate", py::overload_cast<Rates>(&Actuator::setFeedbackRate), py::arg("rate"),
+        .def("setFeedbackRate", py::overload_cast<Rates>(&Actuator::setFeedbackRate), py::arg("rate"), release_gil(),
              "Sets the streaming rate: a ``Rates`` member or an int in Hz (0 stops streaming).")
-        .def("setFeedbackRate", py::overload_cast<int>(&Actuator::setFeedbackRate), py::arg("hz"))
+        .def("setFeedbackRate", py::overload_cast<int>(&Actuator::setFeedbackRate), py::arg("hz"), release_gil())
         .def(
             "get_feedback", [](const Actuator& self) { return to_dict(self.get_feedback()); },
             "The latest streamed items, a dict of ``OCP_Items`` to float.")
@@ -122,42 +132,42 @@ void define_actuator(py::module_& module, ActuatorClass& cls) {
             "\"Timeout waiting for feedback items\" on standard error.")
 
         // --- control modes and setpoints ----------------------------------------
-        .def("change_mode", &Actuator::change_mode, py::arg("mode"), "Sends the mode command and records the mode.")
+        .def("change_mode", &Actuator::change_mode, release_gil(), py::arg("mode"), "Sends the mode command and records the mode.")
         .def(
             "change_mode", [](Actuator& self, int mode) { self.change_mode(static_cast<Mode>(mode)); },
-            py::arg("mode"))
-        .def("change_setpoint", &Actuator::change_setpoint, py::arg("a"), py::arg("b") = 0.0f, py::arg("c") = 0.0f,
+            py::arg("mode"), release_gil())
+        .def("change_setpoint", &Actuator::change_setpoint, release_gil(), py::arg("a"), py::arg("b") = 0.0f, py::arg("c") = 0.0f,
              "Sends a setpoint in the current mode: the short form when ``b`` and ``c`` are 0.")
-        .def("change_torque_setpoint", &Actuator::change_torque_setpoint, py::arg("torque"),
+        .def("change_torque_setpoint", &Actuator::change_torque_setpoint, release_gil(), py::arg("torque"),
              py::arg("aux_0d") = UNCHANGED, py::arg("aux_0e") = UNCHANGED, py::arg("aux_0f") = UNCHANGED,
              py::arg("a5") = UNCHANGED,
              "Switches to TORQUE mode if needed, then sends the setpoint. NaN leaves a value unchanged.")
-        .def("change_speed_setpoint", &Actuator::change_speed_setpoint, py::arg("speed"),
+        .def("change_speed_setpoint", &Actuator::change_speed_setpoint, release_gil(), py::arg("speed"),
              py::arg("speed_ff") = UNCHANGED, py::arg("aux_0e") = UNCHANGED, py::arg("aux_0d") = UNCHANGED,
              py::arg("t_ff") = UNCHANGED,
              "Switches to SPEED mode if needed, then sends the setpoint. NaN leaves a value unchanged.")
-        .def("change_position_setpoint", &Actuator::change_position_setpoint, py::arg("position"),
+        .def("change_position_setpoint", &Actuator::change_position_setpoint, release_gil(), py::arg("position"),
              py::arg("speed_ff") = UNCHANGED, py::arg("aux_0e") = UNCHANGED, py::arg("aux_0d") = UNCHANGED,
              py::arg("aux_0f") = UNCHANGED, py::arg("t_ff") = UNCHANGED,
              "Switches to POSITION mode if needed, then sends the setpoint. NaN leaves a value unchanged.")
-        .def("change_impedance_setpoint", &Actuator::change_impedance_setpoint, py::arg("position"),
+        .def("change_impedance_setpoint", &Actuator::change_impedance_setpoint, release_gil(), py::arg("position"),
              py::arg("speed_ff") = UNCHANGED, py::arg("k_stiff") = UNCHANGED, py::arg("k_damp") = UNCHANGED,
              py::arg("a5") = UNCHANGED, py::arg("t_ff") = UNCHANGED, py::arg("a7") = UNCHANGED,
              py::arg("a8") = UNCHANGED,
              "Switches to IMPEDANCE mode if needed, then sends the setpoint. NaN leaves a value unchanged.")
-        .def("internal_change_speed_setpoint", &Actuator::internal_change_speed_setpoint, py::arg("a1"),
+        .def("internal_change_speed_setpoint", &Actuator::internal_change_speed_setpoint, release_gil(), py::arg("a1"),
              py::arg("a2") = UNCHANGED, py::arg("a3") = UNCHANGED, py::arg("a4") = UNCHANGED,
              "Sends the speed setpoint frame as given, without a mode switch.")
-        .def("internal_change_position_setpoint", &Actuator::internal_change_position_setpoint, py::arg("a1"),
+        .def("internal_change_position_setpoint", &Actuator::internal_change_position_setpoint, release_gil(), py::arg("a1"),
              py::arg("a2") = UNCHANGED, py::arg("a3") = UNCHANGED, py::arg("a4") = UNCHANGED,
              py::arg("a5") = UNCHANGED, py::arg("a6") = UNCHANGED, py::arg("a7") = UNCHANGED,
              py::arg("a8") = UNCHANGED, py::arg("a9") = UNCHANGED,
              "Sends the position setpoint frame as given, without a mode switch.")
-        .def("set_torque_performance", &Actuator::set_torque_performance, py::arg("preset"))
-        .def("set_speed_performance", &Actuator::set_speed_performance, py::arg("preset"))
+        .def("set_torque_performance", &Actuator::set_torque_performance, release_gil(), py::arg("preset"))
+        .def("set_speed_performance", &Actuator::set_speed_performance, release_gil(), py::arg("preset"))
 
         // --- parameters and configuration storage ------------------------------
-        .def("set_parameters", &Actuator::set_parameters, py::arg("values"),
+        .def("set_parameters", &Actuator::set_parameters, release_gil(), py::arg("values"),
              "Writes parameters: a dict of ``OCP_Parameters`` to float.")
         .def(
             "get_parameters",
@@ -178,18 +188,21 @@ void define_actuator(py::module_& module, ActuatorClass& cls) {
             "Reads every parameter in batches; a batch that times out ends the read with what came so far.")
         .def(
             "parse_parameters",
-            [](Actuator& self, const py::bytes& data, int offset) { self.parse_parameters(bytes_of(data), offset); },
+            [](Actuator& self, const py::bytes& data, int offset) {
+                auto bytes = bytes_of(data);
+                without_gil([&] { self.parse_parameters(bytes, offset); });
+            },
             py::arg("data"), py::arg("offset"), "Decodes a parameters record starting at ``offset``.")
         .def("restore_factory_parameters", &Actuator::restore_factory_parameters, py::arg("wait_s") = 1.0f,
              release_gil(), "Restores the factory parameters, then waits ``wait_s`` seconds.")
-        .def("save_config", &Actuator::save_config, "Stores the current parameters on the device.")
+        .def("save_config", &Actuator::save_config, release_gil(), "Stores the current parameters on the device.")
         .def("clear_config", &Actuator::clear_config, release_gil(),
              "Clears the stored configuration; the device resets (waits 100 ms).")
 
         // --- errors and firmware version ----------------------------------------
-        .def("parse_errors", &Actuator::parse_errors, py::arg("error_word"),
+        .def("parse_errors", &Actuator::parse_errors, release_gil(), py::arg("error_word"),
              "Decodes an error word and calls the error callback with the set bits.")
-        .def("default_error_callback", &Actuator::default_error_callback, py::arg("address"), py::arg("errors"),
+        .def("default_error_callback", &Actuator::default_error_callback, release_gil(), py::arg("address"), py::arg("errors"),
              "Prints the errors and stops the actuator on severe ones.")
         .def_static("parse_firmware_version", &Actuator::parse_firmware_version, py::arg("word"),
                     "The firmware version text of a ping reply's firmware word.")
@@ -197,11 +210,11 @@ void define_actuator(py::module_& module, ActuatorClass& cls) {
         // --- device administration ----------------------------------------------
         .def("changeAddress", &Actuator::changeAddress, py::arg("new_address"), release_gil(),
              "Moves the device to ``new_address`` and follows it there.")
-        .def("set_can_high_speed", &Actuator::set_can_high_speed, py::arg("on"))
+        .def("set_can_high_speed", &Actuator::set_can_high_speed, release_gil(), py::arg("on"))
         .def("enter_bootloader", &Actuator::enter_bootloader, release_gil(),
              "Makes the device enter its boot loader (waits 100 ms).")
-        .def("set_home_position", &Actuator::set_home_position)
-        .def("blink", &Actuator::blink)
+        .def("set_home_position", &Actuator::set_home_position, release_gil())
+        .def("blink", &Actuator::blink, release_gil())
 
         // --- accessors ---------------------------------------------------------
         .def("get_address", &Actuator::get_address)

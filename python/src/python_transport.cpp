@@ -178,14 +178,15 @@ it lives. Exceptions raised by these methods are reported through
             "send",
             [](OCP& self, int address, const py::handle& frame) {
                 auto bytes = bytes_of(frame);
-                return self.send(address, bytes);
+                return without_gil([&] { return self.send(address, bytes); });
             },
             py::arg("address"), py::arg("frame"),
             "Hands ``frame`` (bytes-like) to the bus for the device at ``address``; True when handed over.")
         .def(
             "setCallback",
             [](OCP& self, int address, py::object callback) {
-                self.setCallback(address, wrap_receive_callback(std::move(callback)));
+                auto wrapped = wrap_receive_callback(std::move(callback));
+                without_gil([&] { self.setCallback(address, std::move(wrapped)); });
             },
             py::arg("address"), py::arg("callback"),
             "Registers ``callback(address, data: bytes, kind: int)`` for replies from ``address``;\n"

@@ -3,6 +3,7 @@
 #include <pybind11/stl.h>
 
 #include "bindings.hpp"
+#include "ocp_api/emulated_actuator.hpp"
 #include "ocp_api/sim_bus.hpp"
 
 namespace ocp_api::python {
@@ -55,32 +56,35 @@ void bind_sim_bus(py::module_& module) {
         .def_readonly("replies_lost", &SimBusCounters::replies_lost)
         .def_readonly("worker_wakes", &SimBusCounters::worker_wakes);
 
+    // Every control takes the hosting bus's lock, under which a bus may send
+    // (and a python-can link needs the GIL to send): none holds the GIL.
+    using release_gil = py::call_guard<py::gil_scoped_release>;
     py::class_<EmulatedActuator>(module, "EmulatedActuator", R"doc(
-The emulated device behind one address of a SimBus. Every method is
-thread-safe; the physics accessors hold the bus's lock for the one call.)doc")
-        .def("address", &EmulatedActuator::address)
-        .def("model_code", &EmulatedActuator::model_code)
-        .def("firmware_word", &EmulatedActuator::firmware_word)
-        .def("inject_errors", &EmulatedActuator::inject_errors, py::arg("error_word"),
+The emulated device behind one address of a bus. Every method is thread-safe;
+the physics accessors hold the bus's lock for the one call.)doc")
+        .def("address", &EmulatedActuator::address, release_gil())
+        .def("model_code", &EmulatedActuator::model_code, release_gil())
+        .def("firmware_word", &EmulatedActuator::firmware_word, release_gil())
+        .def("inject_errors", &EmulatedActuator::inject_errors, release_gil(), py::arg("error_word"),
              "Sends an error report now and reports the word in ERRORS_90 until replaced (0 clears).")
-        .def("power_cycle", &EmulatedActuator::power_cycle, py::call_guard<py::gil_scoped_release>(),
+        .def("power_cycle", &EmulatedActuator::power_cycle, release_gil(),
              "Restarts the device with its saved configuration.")
-        .def("in_bootloader", &EmulatedActuator::in_bootloader)
-        .def("blink_count", &EmulatedActuator::blink_count)
-        .def("set_silent", &EmulatedActuator::set_silent, py::arg("silent"),
+        .def("in_bootloader", &EmulatedActuator::in_bootloader, release_gil())
+        .def("blink_count", &EmulatedActuator::blink_count, release_gil())
+        .def("set_silent", &EmulatedActuator::set_silent, release_gil(), py::arg("silent"),
              "A silent device ignores every frame and sends nothing, as if unplugged.")
-        .def("is_silent", &EmulatedActuator::is_silent)
-        .def("change_load", change_physics(&OrreryActuatorVirtual::change_load), py::arg("load"),
+        .def("is_silent", &EmulatedActuator::is_silent, release_gil())
+        .def("change_load", change_physics(&OrreryActuatorVirtual::change_load), release_gil(), py::arg("load"),
              "Applies a load torque to the shaft.")
-        .def("set_bus_voltage", change_physics(&OrreryActuatorVirtual::set_bus_voltage), py::arg("volts"))
-        .def("get_bus_voltage", read_physics(&OrreryActuatorVirtual::get_bus_voltage))
-        .def("get_position", read_physics(&OrreryActuatorVirtual::get_position))
-        .def("get_speed", read_physics(&OrreryActuatorVirtual::get_speed))
-        .def("get_torque", read_physics(&OrreryActuatorVirtual::get_torque))
-        .def("get_load", read_physics(&OrreryActuatorVirtual::get_load))
-        .def("get_setpoint", read_physics(&OrreryActuatorVirtual::get_setpoint))
-        .def("get_mode", read_physics(&OrreryActuatorVirtual::get_mode))
-        .def("is_running", read_physics(&OrreryActuatorVirtual::is_running));
+        .def("set_bus_voltage", change_physics(&OrreryActuatorVirtual::set_bus_voltage), release_gil(), py::arg("volts"))
+        .def("get_bus_voltage", read_physics(&OrreryActuatorVirtual::get_bus_voltage), release_gil())
+        .def("get_position", read_physics(&OrreryActuatorVirtual::get_position), release_gil())
+        .def("get_speed", read_physics(&OrreryActuatorVirtual::get_speed), release_gil())
+        .def("get_torque", read_physics(&OrreryActuatorVirtual::get_torque), release_gil())
+        .def("get_load", read_physics(&OrreryActuatorVirtual::get_load), release_gil())
+        .def("get_setpoint", read_physics(&OrreryActuatorVirtual::get_setpoint), release_gil())
+        .def("get_mode", read_physics(&OrreryActuatorVirtual::get_mode), release_gil())
+        .def("is_running", read_physics(&OrreryActuatorVirtual::is_running), release_gil());
 
     py::class_<SimBus, OCP, Holder<SimBus>>(module, "SimBus", R"doc(
 A simulated CAN bus with emulated actuators: a transport that needs no adapter.
@@ -91,14 +95,14 @@ emulated adapter answers pings at address 0. Closed at interpreter exit.)doc")
         .def(py::init([](const SimBusOptions& options) { return Holder<SimBus>(new TrackedSimBus(options)); }),
              py::arg("options") = SimBusOptions{})
         .def("add_actuator", &SimBus::add_actuator, py::arg("address"), py::arg("model_code") = 3,
-             py::arg("firmware_word") = 0x0842, py::return_value_policy::reference_internal,
+             py::arg("firmware_word") = 0x0842, py::return_value_policy::reference_internal, release_gil(),
              "Adds an emulated actuator; ValueError for an address outside 0x10..0x3FFE or\n"
              "one already taken. Model code 3 and firmware word 0x0842 by default.")
-        .def("actuator", &SimBus::actuator, py::arg("address"), py::return_value_policy::reference_internal,
+        .def("actuator", &SimBus::actuator, py::arg("address"), py::return_value_policy::reference_internal, release_gil(),
              "The emulated actuator now at ``address``; IndexError when there is none.")
-        .def("actuator_count", &SimBus::actuator_count)
-        .def("counters", &SimBus::counters)
-        .def("sim_time", &SimBus::sim_time, "Simulated seconds since the bus started.")
+        .def("actuator_count", &SimBus::actuator_count, release_gil())
+        .def("counters", &SimBus::counters, release_gil())
+        .def("sim_time", &SimBus::sim_time, release_gil(), "Simulated seconds since the bus started.")
         .def_property_readonly("options", &SimBus::options);
 }
 
