@@ -54,7 +54,7 @@ Actuator::ErrorCallback wrap_error_callback(py::object callable) {
 }  // namespace
 
 void define_actuator(py::module_& module, ActuatorClass& cls) {
-    cls.def(py::init<OCP&, int>(), py::arg("transport"), py::arg("address"), py::keep_alive<1, 2>(),
+    cls.def(py::init<OCP&, int>(), py::arg("transport"), py::arg("address"), py::keep_alive<1, 2>(), release_gil(),
             "Registers the receive callback for ``address`` on ``transport``; sends nothing.\n"
             "The transport stays alive at least as long as the actuator.")
         .def_property_readonly_static(
@@ -235,7 +235,9 @@ void define_actuator(py::module_& module, ActuatorClass& cls) {
                                                                                     R"doc(
 Finds actuators on the bus. Bound to address 0, where the CAN adapter must
 answer; scan() pings each address of a range and lists those that answer.)doc")
-        .def(py::init<OCP&>(), py::arg("ocp"), py::keep_alive<1, 2>())
+        .def(py::init<OCP&>(), py::arg("ocp"), py::keep_alive<1, 2>(), release_gil(),
+             "Pings the adapter at address 0 (up to 1 s); closes the transport when\n"
+             "another device answers there.")
         .def("scan", &OrreryActuatorScanner::scan, py::arg("first_address"), py::arg("last_address"),
              release_gil(),
              "Pings every address from ``first_address`` to ``last_address`` and returns\n"

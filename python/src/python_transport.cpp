@@ -71,7 +71,9 @@ public:
 
     void setCallback(int address, ReceiveCallback callback) override {
         registry_->set(address, std::move(callback));
-        call_python("setCallback", address, python_callback(address));
+        if (interpreter_finalizing()) return;
+        py::gil_scoped_acquire gil;
+        call_python("setCallback", address, py::cast(python::ReceiveCallback(registry_, address)));
     }
 
     void removeCallback(int address) override {
@@ -92,11 +94,7 @@ private:
         return method;
     }
 
-    py::object python_callback(int address) const {
-        py::gil_scoped_acquire gil;
-        return py::cast(python::ReceiveCallback(registry_, address));
-    }
-
+    // Calls the Python method `name`; takes the GIL when the caller does not hold it.
     template <class... Args>
     void call_python(const char* name, Args&&... args) const {
         if (interpreter_finalizing()) return;

@@ -88,15 +88,26 @@ def sim_bus():
     bus.close()
 
 
+class UnraisableLog(list):
+    """What reaches sys.unraisablehook, from any thread, once install()ed.
+
+    pytest puts its own hook in place around each test's body, so the test
+    installs this one itself, inside its body."""
+
+    def __init__(self, monkeypatch):
+        super().__init__()
+        self._monkeypatch = monkeypatch
+        self._lock = threading.Lock()
+
+    def install(self):
+        self._monkeypatch.setattr(sys, "unraisablehook", self._hook)
+        return self
+
+    def _hook(self, info):
+        with self._lock:
+            self.append((info.exc_type, str(info.exc_value), info.err_msg, info.object))
+
+
 @pytest.fixture
 def unraisable(monkeypatch):
-    """Collects what reaches sys.unraisablehook, from any thread."""
-    seen = []
-    lock = threading.Lock()
-
-    def hook(info):
-        with lock:
-            seen.append((info.exc_type, str(info.exc_value), info.err_msg, info.object))
-
-    monkeypatch.setattr(sys, "unraisablehook", hook)
-    return seen
+    return UnraisableLog(monkeypatch)
