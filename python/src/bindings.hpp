@@ -3,6 +3,8 @@
 
 #include <pybind11/pybind11.h>
 
+#include <functional>
+
 #include "callbacks.hpp"
 #include "ocp_api/ocp.hpp"
 #include "ocp_api/orrery_actuator.hpp"
@@ -26,10 +28,13 @@ void define_virtual_actuator(VirtualClass& simulated);
 // SimBus, SimBusOptions, SimBusCounters, EmulatedActuator.
 void bind_sim_bus(py::module_& module);
 
-// Transports with a receive thread register here while they live, so that
+// PythonCanTransport and PythonCanDeviceHost.
+void bind_python_can(py::module_& module);
+
+// Objects with a thread of their own register here while they live, so that
 // they are closed before the interpreter shuts down and their threads never
-// call into a dying interpreter.
-void track_transport(OCP* transport);
-void untrack_transport(OCP* transport);
+// call into a dying interpreter. `key` is the object; `close` stops its thread.
+void track_transport(const void* key, std::function<void()> close);
+void untrack_transport(const void* key);
 
 }  // namespace ocp_api::python

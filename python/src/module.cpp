@@ -34,5 +34,6 @@ PYBIND11_MODULE(_ocp_api, module) {
     define_actuator(module, actuator);
     define_virtual_actuator(simulated);
     bind_sim_bus(module);
+    bind_python_can(module);
     module.attr("UNCHANGED") = ocp_api::UNCHANGED;
 }

@@ -5,7 +5,7 @@
 
 #include <memory>
 #include <mutex>
-#include <set>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -126,24 +126,24 @@ OCP::ReceiveCallback wrap_receive_callback(py::object callable) {
 }
 
 std::mutex live_transports_mutex;
-std::set<OCP*> live_transports;
+std::map<const void*, std::function<void()>> live_transports;
 
 void close_live_transports() {
     py::gil_scoped_release release;
     std::lock_guard<std::mutex> lock(live_transports_mutex);
-    for (OCP* transport : live_transports) transport->close();
+    for (const auto& entry : live_transports) entry.second();
 }
 
 }  // namespace
 
-void track_transport(OCP* transport) {
+void track_transport(const void* key, std::function<void()> close) {
     std::lock_guard<std::mutex> lock(live_transports_mutex);
-    live_transports.insert(transport);
+    live_transports[key] = std::move(close);
 }
 
-void untrack_transport(OCP* transport) {
+void untrack_transport(const void* key) {
     std::lock_guard<std::mutex> lock(live_transports_mutex);
-    live_transports.erase(transport);
+    live_transports.erase(key);
 }
 
 void bind_transport(py::module_& module) {

@@ -12,7 +12,9 @@ namespace {
 // A SimBus that is closed at interpreter exit if it is still alive then.
 class TrackedSimBus : public SimBus {
 public:
-    explicit TrackedSimBus(SimBusOptions options) : SimBus(options) { track_transport(this); }
+    explicit TrackedSimBus(SimBusOptions options) : SimBus(options) {
+        track_transport(this, [this] { close(); });
+    }
     ~TrackedSimBus() override { untrack_transport(this); }
     TrackedSimBus(const TrackedSimBus&) = delete;
     TrackedSimBus& operator=(const TrackedSimBus&) = delete;

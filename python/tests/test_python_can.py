@@ -1,0 +1,145 @@
+"""The python-can bridge on python-can's `virtual` interface: actuators driven
+through PythonCanTransport against emulated devices hosted on another endpoint
+of the same channel, with the frames the CAN mapping documents."""
+
+import gc
+import uuid
+
+import can
+import pytest
+
+import ocp_api
+from conftest import wait_until
+
+Actuator = ocp_api.OrreryActuator
+Items = Actuator.OCP_Items
+P = Actuator.OCP_Parameters
+
+
+@pytest.fixture
+def channel():
+    """Opens python-can virtual buses on one fresh channel; shuts them down after."""
+    name = "ocp-" + uuid.uuid4().hex
+    opened = []
+
+    def open_bus():
+        bus = can.Bus(interface="virtual", channel=name, receive_own_messages=False)
+        opened.append(bus)
+        return bus
+
+    yield open_bus
+    gc.collect()  # transports and device hosts go before their buses
+    for bus in opened:
+        bus.shutdown()
+
+
+@pytest.fixture
+def devices(channel):
+    host = ocp_api.PythonCanDeviceHost(channel())
+    yield host
+    host.close()
+
+
+def test_command_goes_out_as_the_documented_frame(channel):
+    sniffer = channel()
+    transport = ocp_api.PythonCanTransport(channel())
+    assert transport.fd is False
+    assert transport.send(0x21, b"\x40")
+    frame = sniffer.recv(5.0)
+    assert frame.arbitration_id == 0x00D00021
+    assert frame.is_extended_id
+    assert not frame.is_fd
+    assert bytes(frame.data) == bytes([0x01, 0x40, 0xCC, 0xCC, 0xCC, 0xCC, 0xCC, 0xCC])
+    assert wait_until(lambda: transport.counters().messages_out == 1)
+    transport.close()
+
+
+def test_replies_arrive_with_their_kind(channel):
+    device_side = channel()
+    transport = ocp_api.PythonCanTransport(channel())
+    inbox = []
+    transport.setCallback(0x21, lambda address, data, kind: inbox.append((address, data, kind)))
+    device_side.send(can.Message(arbitration_id=0x00D0C021, data=[0x05, 0x80, 0x03, 0x00, 0x42, 0x08, 0xCC, 0xCC]))
+    device_side.send(can.Message(arbitration_id=0x00D04021, data=[0x01, 0x00]))
+    device_side.send(can.Message(arbitration_id=0x123, is_extended_id=False, data=[1, 2]))  # not ours
+    assert wait_until(lambda: len(inbox) == 2)
+    assert inbox == [(0x21, b"\x80\x03\x00\x42\x08", 1), (0x21, b"\x00", 0)]
+    assert wait_until(lambda: transport.counters().foreign_frames == 1)
+    transport.close()
+
+
+def test_actuator_against_emulated_devices(channel, devices):
+    device = devices.add_actuator(0x21)
+    joint = Actuator(ocp_api.PythonCanTransport(channel()), 0x21)
+    assert joint.connect(2.0)
+    assert (joint.model_name, joint.firmware_version) == ("HERON_A", "1.1.2")
+    everything = joint.get_parameters_all()  # replies segmented over many frames
+    assert len(everything) == 31
+    assert everything[P.LIMIT_TORQUE] == 10.0
+    joint.set_parameters({P.LIMIT_TORQUE: 2.5})
+    # The answer holds every parameter read so far, the new value among them.
+    assert joint.get_parameters([P.LIMIT_TORQUE], 2.0)[P.LIMIT_TORQUE] == 2.5
+    joint.start()
+    joint.change_position_setpoint(1.0)  # 25 bytes: segmented, with flow control
+    assert wait_until(lambda: abs(device.get_position() - 1.0) < 0.01)
+    assert device.get_mode() == Actuator.Mode.POSITION
+
+
+def test_streamed_feedback_over_python_can(channel, devices):
+    devices.add_actuator(0x21)
+    joint = Actuator(ocp_api.PythonCanTransport(channel()), 0x21)
+    received = []
+    joint.setFeedbackItems([Items.POS_FB_4C, Items.SPD_FB_45])
+    joint.set_feedback_callback(lambda address, items: received.append((address, items)))
+    joint.setFeedbackRate(Actuator.Rates.RATE_1KHZ)
+    assert wait_until(lambda: len(received) >= 50)
+    assert all(address == 0x21 and set(items) == {Items.POS_FB_4C, Items.SPD_FB_45}
+               for address, items in received[:50])
+    answer = joint.getItemsBlocking([Items.VBUS_70], 2.0)
+    assert answer == {Items.VBUS_70: 48.0}
+    del joint  # while streaming at 1 kHz
+    gc.collect()
+
+
+def test_scanner_over_python_can(channel, devices, capfd):
+    devices.add_actuator(0x21)
+    devices.add_actuator(0x22, 2, (1 << 11) | (4 << 6) | 3)
+    scanner = ocp_api.OrreryActuatorScanner(ocp_api.PythonCanTransport(channel()))
+    assert scanner.scan(0x20, 0x23) == [0x21, 0x22]
+    assert capfd.readouterr().out == ("Device found: address 0x21 (33)\tmodel HERON_A\tfirmware 1.1.2\n"
+                                      "Device found: address 0x22 (34)\tmodel KESTREL_B\tfirmware 1.4.3\n")
+
+
+def test_can_fd_end_to_end(channel):
+    devices = ocp_api.PythonCanDeviceHost(channel(), fd=True)
+    devices.add_actuator(0x21)
+    sniffer = channel()
+    joint = Actuator(ocp_api.PythonCanTransport(channel(), fd=True), 0x21)
+    assert joint.connect(2.0)
+    assert len(joint.get_parameters_all()) == 31
+    first = sniffer.recv(5.0)
+    assert first.is_fd
+    devices.close()
+
+
+def test_a_bus_that_shuts_down_fails_cleanly(channel, devices, capfd):
+    devices.add_actuator(0x21)
+    host_side = channel()
+    transport = ocp_api.PythonCanTransport(host_side)
+    joint = Actuator(transport, 0x21)
+    assert joint.connect(2.0)
+    host_side.shutdown()
+    assert joint.connect(0.1) is False
+    assert joint.get_parameters([P.MODE], 0.1) == {}
+    assert capfd.readouterr().err == "Timeout waiting for parameters\n"
+    assert wait_until(lambda: transport.counters().link_errors >= 1)
+
+
+def test_bad_device_address_raises(devices):
+    with pytest.raises(ValueError):
+        devices.add_actuator(0x4000)
+    with pytest.raises(IndexError):
+        devices.actuator(0x21)
+    devices.add_actuator(0x21)
+    devices.remove_actuator(0x21)
+    assert devices.actuator_count() == 0
