@@ -99,7 +99,7 @@ struct SchemeEntry {
 // The one table of bus schemes.
 const std::vector<SchemeEntry>& scheme_table() {
     static const std::vector<SchemeEntry> table = {
-        {{"sim", "sim[:ADDR,ADDR,...]", "a simulated bus with emulated actuators (default 0x21, 0x22, 0x23)"},
+        {{"sim", "sim[:ADDR,ADDR,...]", "a simulated bus with emulated actuators, by default at 0x21, 0x22, 0x23"},
          open_sim},
         {{"socketcan", "socketcan:IF[,fd][,dlen=N]", "a SocketCAN interface such as can0, optionally CAN-FD"},
          open_socketcan},
