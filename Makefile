@@ -14,7 +14,7 @@ FUZZ_SECONDS ?= 300
 FUZZ_TEST_SECONDS ?= 30
 FUZZ_TEST_BUDGET ?= 150
 
-.PHONY: all deps build demo test test-normal test-asan test-tsan test-fuzz fuzz build-fuzz bench install clean
+.PHONY: all deps build demo test test-normal test-asan test-tsan test-fuzz fuzz build-fuzz soak bench install clean
 
 all: build
 
@@ -63,6 +63,12 @@ fuzz: build-fuzz
 
 test-fuzz: build-fuzz
 	scripts/run-fuzzers.sh build-fuzz $(FUZZ_TEST_SECONDS) $(FUZZ_TEST_BUDGET)
+
+# Not part of make test: SOAK_SECONDS (default 600) of 16 emulated actuators
+# streaming at 1 kHz on a lossy bus while host threads send and ask.
+SOAK_SECONDS ?= 600
+soak: build
+	./build/tests/soak/ocp_api_soak $(SOAK_SECONDS)
 
 bench: deps
 	@cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DOCP_API_BUILD_BENCHMARKS=ON \
