@@ -22,7 +22,10 @@ from ._ocp_api import (
     SimBus,
     SimBusCounters,
     SimBusOptions,
+    SocketCanBus,
     __version__,
+    bus_schemes,
+    open_bus,
 )
 
 __all__ = [
@@ -40,6 +43,9 @@ __all__ = [
     "SimBus",
     "SimBusCounters",
     "SimBusOptions",
+    "SocketCanBus",
+    "bus_schemes",
+    "open_bus",
 ]
 
 # The classes live in the extension module; show them where users import them.

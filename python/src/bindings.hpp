@@ -30,11 +30,13 @@ void bind_sim_bus(py::module_& module);
 
 // PythonCanTransport and PythonCanDeviceHost.
 void bind_python_can(py::module_& module);
+// SocketCanBus, open_bus and bus_schemes.
+void bind_socketcan(py::module_& module);
 
 // Objects with a thread of their own register here while they live, so that
 // they are closed before the interpreter shuts down and their threads never
 // call into a dying interpreter. `key` is the object; `close` stops its thread.
+// (untrack_transport is declared with the holder, which calls it.)
 void track_transport(const void* key, std::function<void()> close);
-void untrack_transport(const void* key);
 
 }  // namespace ocp_api::python

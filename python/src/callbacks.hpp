@@ -51,12 +51,16 @@ decltype(auto) without_gil(Body&& body) {
     return body();
 }
 
+// Takes an object off the list of those closed at interpreter exit.
+void untrack_transport(const void* key);
+
 // Holder deleter for objects whose destructor waits for other threads (the
 // receive thread of a transport, a callback in flight): the GIL is released
-// while they are destroyed.
+// while they are destroyed, and they leave the list of objects closed at exit.
 struct DeleteWithoutGil {
     template <class T>
     void operator()(T* object) const {
+        untrack_transport(object);
         without_gil([object] { delete object; });
     }
 };

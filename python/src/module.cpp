@@ -35,5 +35,6 @@ PYBIND11_MODULE(_ocp_api, module) {
     define_virtual_actuator(simulated);
     bind_sim_bus(module);
     bind_python_can(module);
+    bind_socketcan(module);
     module.attr("UNCHANGED") = ocp_api::UNCHANGED;
 }
