@@ -1,0 +1,60 @@
+"""The examples run and print what the README shows."""
+
+import csv
+import os
+import pathlib
+import subprocess
+import sys
+
+EXAMPLES = pathlib.Path(__file__).resolve().parent.parent / "examples"
+
+
+def run(name, *args):
+    return subprocess.run([sys.executable, str(EXAMPLES / name), *args], capture_output=True, text=True,
+                          timeout=120, env=dict(os.environ))
+
+
+def test_bring_up_scans_connects_and_reads_parameters():
+    result = run("bring_up.py")
+    assert result.returncode == 0, result.stderr
+    assert result.stderr == ""
+    block = "  LIMIT_TORQUE     10\n  LIMIT_SPEED_MAX  50\n  MODE             6\n"
+    assert result.stdout == (
+        "Device found: address 0x21 (33)\tmodel HERON_A\tfirmware 1.1.2\n"
+        "Device found: address 0x22 (34)\tmodel KESTREL_B\tfirmware 1.4.3\n"
+        "Device found: address 0x23 (35)\tmodel HERON_C\tfirmware 2.0.1\n"
+        "\n0x21 HERON_A firmware 1.1.2\n" + block +
+        "\n0x22 KESTREL_B firmware 1.4.3\n" + block +
+        "\n0x23 HERON_C firmware 2.0.1\n" + block)
+
+
+def test_bring_up_on_a_missing_interface_fails_with_a_message():
+    result = run("bring_up.py", "socketcan:ocpnosuch0")
+    assert result.returncode == 2
+    assert result.stdout == ""
+    assert result.stderr.startswith("socketcan:ocpnosuch0: [Errno ")
+    assert "CAN interface ocpnosuch0" in result.stderr
+    assert "Traceback" not in result.stderr
+
+
+def test_position_move_writes_one_csv_row_per_reply(tmp_path):
+    output = tmp_path / "move.csv"
+    result = run("position_move_csv.py", str(output))
+    assert result.returncode == 0, result.stderr
+    rows = list(csv.reader(output.open()))
+    assert rows[0] == ["time_s", "POS_FB_4C", "SPD_FB_45", "T_FB_49"]
+    assert result.stderr == f"{len(rows) - 1} rows\n"
+    assert len(rows) > 100, "200 Hz for about two seconds"
+    positions = [float(row[1]) for row in rows[1:]]
+    assert max(positions) > 0.95
+    assert abs(positions[-1]) < 0.05
+
+
+def test_simulated_trajectory_is_deterministic():
+    result = run("simulated_trajectory.py")
+    assert result.returncode == 0, result.stderr
+    lines = result.stdout.splitlines()
+    assert lines[0] == "time_s  target    position  speed     torque"
+    assert len(lines) == 21
+    assert lines[10] == " 0.500    1.0000    0.9551    0.8994    0.0899"
+    assert lines[-1] == " 1.000    1.0000    1.0000    0.0003   -0.3000"
