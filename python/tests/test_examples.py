@@ -58,3 +58,14 @@ def test_simulated_trajectory_is_deterministic():
     assert len(lines) == 21
     assert lines[10] == " 0.500    1.0000    0.9551    0.8994    0.0899"
     assert lines[-1] == " 1.000    1.0000    1.0000    0.0003   -0.3000"
+
+
+def test_benchmark_runs_and_reports_every_path():
+    bench = EXAMPLES.parent / "bench" / "bench_bindings.py"
+    result = subprocess.run([sys.executable, str(bench), "--quick"], capture_output=True, text=True, timeout=300,
+                            env=dict(os.environ))
+    assert result.returncode == 0, result.stderr
+    lines = result.stdout.splitlines()
+    assert lines[0].split() == ["path", "us/call", "vs", "bus.send"]
+    assert len(lines) == 7
+    assert lines[1].endswith(" 1.00x")
