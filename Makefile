@@ -75,6 +75,7 @@ bench: deps
 	  -DOCP_API_BUILD_TESTS=OFF -DOCP_API_BUILD_EXAMPLES=OFF >/dev/null
 	@cmake --build build-bench -j $(JOBS)
 	./build-bench/bench/ocp_api_bench
+	PYTHONPATH=build-bench/python /usr/bin/python3 python/bench/bench_bindings.py
 
 install: build
 	cmake --install build
