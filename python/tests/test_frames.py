@@ -122,3 +122,24 @@ def test_raw_frame_goes_out_unchanged(transport):
     joint.send_ocp_common(b"\x41")
     joint.blink()
     assert transport.sent == [(0x21, b"\x41"), (0x21, b"\x41")]
+
+
+def test_performance_presets(transport):
+    joint = Actuator(transport, 0x21)
+    joint.set_torque_performance(Actuator.TorquePerformance.PRESET_3)
+    joint.set_speed_performance(Actuator.SpeedPerformance.PRESET_1)
+    assert transport.frames() == [b"\x0d\x03", b"\x0e\x01"]
+
+
+def test_factory_restore_stops_silences_clears_and_resets_local_state(transport, capfd):
+    joint = Actuator(transport, 0x21)
+    joint.change_mode(Mode.TORQUE)
+    joint.set_can_high_speed(True)
+    transport.deliver(0x21, b"\x41" + f32_bytes(1.0), 0)
+    transport.clear()
+    joint.restore_factory_parameters(0.0)
+    assert transport.frames() == [b"\x02", b"\x06\x00\x00\x00\x00", b"\xc2"]
+    assert capfd.readouterr().err == ""
+    assert joint.mode == Mode.SPEED
+    assert joint.can_high_speed is False
+    assert joint.get_feedback() == {}
