@@ -1,4 +1,7 @@
 # Type stubs for the ocp_api package (the classes come from its extension).
+# The enumerations below stand for those nested in OrreryActuator and, as
+# distinct types with the same members, in OrreryActuatorVirtual; int(member)
+# is the code on the wire.
 import datetime
 import enum
 from typing import Callable, ClassVar, Dict, List, Optional, Sequence, Tuple, Union
@@ -9,7 +12,7 @@ UNCHANGED: float
 BytesLike = Union[bytes, bytearray, memoryview, Sequence[int]]
 
 
-class _OCP_Items(enum.IntEnum):
+class _OCP_Items(enum.Enum):
     POS_FB_41: int
     ITEM_42: int
     POS_FB_43: int
@@ -60,7 +63,7 @@ class _OCP_Items(enum.IntEnum):
     ITEM_9A: int
 
 
-class _OCP_Parameters(enum.IntEnum):
+class _OCP_Parameters(enum.Enum):
     K_DAMP: int
     K_STIFF: int
     T_FF: int
@@ -94,7 +97,7 @@ class _OCP_Parameters(enum.IntEnum):
     CAN_HIGH_SPEED: int
 
 
-class _Rates(enum.IntEnum):
+class _Rates(enum.Enum):
     RATE_OFF: int
     RATE_1HZ: int
     RATE_10HZ: int
@@ -108,14 +111,14 @@ class _Rates(enum.IntEnum):
     RATE_10KHZ: int
 
 
-class _Mode(enum.IntEnum):
+class _Mode(enum.Enum):
     TORQUE: int
     SPEED: int
     POSITION: int
     IMPEDANCE: int
 
 
-class _Preset(enum.IntEnum):
+class _Preset(enum.Enum):
     PRESET_0: int
     PRESET_1: int
     PRESET_2: int

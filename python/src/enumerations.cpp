@@ -1,18 +1,13 @@
 // The identifier enumerations, nested in the actuator classes as in C++.
 #include "enumerations.hpp"
 
-#include <type_traits>
+#include <string>
 
 #include "bindings.hpp"
 #include "ocp_api/orrery_actuator.hpp"
 
 namespace ocp_api::python {
 namespace {
-
-template <class To, class From>
-To same_value(From value) {
-    return static_cast<To>(static_cast<std::underlying_type_t<From>>(value));
-}
 
 template <class Class>
 void bind_enumerations_in(py::handle scope) {
@@ -24,15 +19,13 @@ void bind_enumerations_in(py::handle scope) {
     using SpeedPerformance = typename Class::SpeedPerformance;
 
     py::enum_<Items> items(scope, "OCP_Items", "Feedback item codes; the value is the record code in a reply.");
-    for (const auto item : ALL_ITEMS) {
-        items.value(std::string(item_name(item)).c_str(), same_value<Items>(item));
-    }
+    for (const Items item : Class::ALL_ITEMS) items.value(std::string(item_name(item)).c_str(), item);
     remember_members<Items>(items);
 
     py::enum_<Parameters> parameters(scope, "OCP_Parameters",
                                      "Parameter identifiers; the value is the identifier byte of a parameter record.");
-    for (const auto parameter : ALL_PARAMETERS) {
-        parameters.value(std::string(parameter_name(parameter)).c_str(), same_value<Parameters>(parameter));
+    for (const Parameters parameter : Class::ALL_PARAMETERS) {
+        parameters.value(std::string(parameter_name(parameter)).c_str(), parameter);
     }
     remember_members<Parameters>(parameters);
 
@@ -68,19 +61,12 @@ void bind_enumerations_in(py::handle scope) {
         .value("PRESET_3", SpeedPerformance::PRESET_3);
 }
 
-constexpr const char* ENUMERATION_NAMES[] = {"OCP_Items", "OCP_Parameters", "Rates",
-                                             "Mode", "TorquePerformance", "SpeedPerformance"};
-
 }  // namespace
 
 void bind_enumerations(ActuatorClass& actuator, VirtualClass& simulated) {
+    // Distinct C++ types with the same members: each class gets its own.
     bind_enumerations_in<OrreryActuator>(actuator);
-    if constexpr (std::is_same_v<OrreryActuator::OCP_Items, OrreryActuatorVirtual::OCP_Items>) {
-        // One C++ type can be registered once: both classes share the members.
-        for (const char* name : ENUMERATION_NAMES) simulated.attr(name) = actuator.attr(name);
-    } else {
-        bind_enumerations_in<OrreryActuatorVirtual>(simulated);
-    }
+    bind_enumerations_in<OrreryActuatorVirtual>(simulated);
 }
 
 }  // namespace ocp_api::python

@@ -82,7 +82,7 @@ def test_actuator_against_emulated_devices(channel, devices):
     joint.start()
     joint.change_position_setpoint(1.0)  # 25 bytes: segmented, with flow control
     assert wait_until(lambda: abs(device.get_position() - 1.0) < 0.01)
-    assert device.get_mode() == Actuator.Mode.POSITION
+    assert device.get_mode() == ocp_api.OrreryActuatorVirtual.Mode.POSITION
 
 
 def test_streamed_feedback_over_python_can(channel, devices):

@@ -86,7 +86,7 @@ def test_load_moves_the_emulated_shaft(sim_bus):
     joint.change_speed_setpoint(2.0)
     assert wait_until(lambda: device.get_speed() > 1.9)
     assert device.is_running()
-    assert device.get_mode() == Actuator.Mode.SPEED
+    assert device.get_mode() == ocp_api.OrreryActuatorVirtual.Mode.SPEED  # the physics is the simulated actuator
     device.change_load(0.5)
     assert device.get_load() == 0.5
     assert device.get_bus_voltage() == 48.0

@@ -23,6 +23,14 @@ def test_enumerations_are_nested_as_in_cpp():
     assert int(Virtual.SpeedPerformance.PRESET_0) == 0
     assert len(Virtual.OCP_Items.__members__) == 48
     assert len(Virtual.OCP_Parameters.__members__) == 31
+    # Distinct types with the same members, as in C++.
+    Physical = ocp_api.OrreryActuator
+    for name in ("OCP_Items", "OCP_Parameters", "Rates", "Mode", "TorquePerformance", "SpeedPerformance"):
+        ours, theirs = getattr(Virtual, name), getattr(Physical, name)
+        assert ours is not theirs
+        assert {k: int(v) for k, v in ours.__members__.items()} == {k: int(v) for k, v in theirs.__members__.items()}
+    assert Virtual.Mode.SPEED != Physical.Mode.SPEED
+    assert int(Virtual.Mode.SPEED) == int(Physical.Mode.SPEED)
 
 
 def test_bad_address_raises_value_error():
