@@ -39,7 +39,7 @@ int main(int argc, char** argv) {
         CanBus bus(channel.open(fd), CanBusOptions{segmentation});
         OrreryActuator joint(bus, 0x21);
         joint.connect(1.0f);
-        joint.get_parameters({OCP_Parameters::LIMIT_TORQUE, OCP_Parameters::ADDRESS}, 1.0f);
+        joint.get_parameters({OrreryActuator::OCP_Parameters::LIMIT_TORQUE, OrreryActuator::OCP_Parameters::ADDRESS}, 1.0f);
         joint.get_parameters_all();
     }
     // Everything has been answered; print what crossed the channel.
