@@ -148,7 +148,7 @@ TEST_F(ParameterAccess, TimeoutOnTheFirstBatchReturnsEmptyAndStops) {
 TEST_F(ParameterAccess, TimeoutOnALaterBatchReturnsWhatEarlierBatchesBrought) {
     ParameterDevice device(transport, 2, true);
     StreamCapture err(std::cerr);
-    const ParameterMap all = actuator.get_parameters(std::vector<P>(OrreryActuator::ALL_PARAMETERS.begin(), OrreryActuator::ALL_PARAMETERS.end()), 0.5f);
+    const ParameterMap all = actuator.get_parameters(std::vector<P>(OrreryActuator::ALL_PARAMETERS.begin(), OrreryActuator::ALL_PARAMETERS.end()), 2.0f);
     transport.join_deliveries();
     EXPECT_EQ(transport.frames().size(), 3u);
     EXPECT_EQ(all.size(), 18u);
