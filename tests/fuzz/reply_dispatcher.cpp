@@ -51,6 +51,20 @@ protected:
     int overflow(int c) override { return c; }
 };
 
+// Points standard error at a DiscardingBuffer while it lives, and back at its
+// own buffer before the streams are flushed at exit.
+class SilencedStandardError {
+public:
+    SilencedStandardError() : original_(std::cerr.rdbuf(&discard_)) {}
+    ~SilencedStandardError() { std::cerr.rdbuf(original_); }
+    SilencedStandardError(const SilencedStandardError&) = delete;
+    SilencedStandardError& operator=(const SilencedStandardError&) = delete;
+
+private:
+    DiscardingBuffer discard_;
+    std::streambuf* original_;
+};
+
 bool same_float(float a, float b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
 bool all_items_valid(const OrreryActuator::FeedbackMap& items) {
@@ -116,9 +130,7 @@ void check_parser(ProbedActuator& actuator, const std::vector<uint8_t>& buffer, 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
-    static DiscardingBuffer discard;
-    static std::streambuf* const original = std::cerr.rdbuf(&discard);
-    (void)original;
+    static const SilencedStandardError silenced;
 
     ocp_fuzz::FuzzInput input(data, size);
     const uint8_t selector = input.byte();
