@@ -10,16 +10,16 @@
 #include <stdexcept>
 #include <string>
 
-#include "ocp_api/version.hpp"
 #include "ocp_api/wire.hpp"
+#include "emulation/adapter.hpp"
+#include "emulation/device_clock.hpp"
 #include "emulation/emulated_device.hpp"
 
 namespace ocp_api {
 
 namespace {
 
-constexpr double SECONDS_PER_STEP = 1e-4;  // the devices' control period, 100 us
-constexpr double NANOSECONDS_PER_STEP = 1e5;
+constexpr double SECONDS_PER_STEP = detail::DeviceClock::SECONDS_PER_STEP;
 // Without anything due the worker still wakes this often to keep the devices'
 // physics close to the wall clock.
 constexpr std::chrono::milliseconds IDLE_WAKE_PERIOD{20};
@@ -28,9 +28,6 @@ constexpr std::chrono::milliseconds IDLE_WAKE_PERIOD{20};
 // wall clock catches up over several passes, letting send(), counters() and
 // close() in between, instead of stepping for seconds at a stretch.
 constexpr int64_t MAX_STEPS_PER_PASS = 1000;
-// Wall times further ahead than this (about 31 years) stand for "never": it
-// keeps every conversion of a step count to nanoseconds inside int64_t.
-constexpr double FAR_FUTURE_NS = 1e18;
 
 // The accepted ranges of the options, checked when a bus is made.
 constexpr double MIN_TIME_SCALE = 1e-6;
@@ -205,18 +202,11 @@ bool SimBus::draw_loss() {
 }
 
 int64_t SimBus::target_step(Clock::time_point now) const {
-    const double wall_ns = static_cast<double>(std::chrono::duration_cast<std::chrono::nanoseconds>(now - epoch_).count());
-    return static_cast<int64_t>(wall_ns * options_.time_scale / NANOSECONDS_PER_STEP);
+    return detail::DeviceClock(epoch_, options_.time_scale).step_at(now);
 }
 
-// The first wall instant at which target_step() reaches `step`: rounded up,
-// and a nanosecond later, so that waking then finds the step due. Steps beyond
-// the far future (a feedback period of 0xFFFFFFFF at a small time scale) map
-// to the far future rather than past the range of the clock.
 SimBus::Clock::time_point SimBus::wall_time_of_step(int64_t step) const {
-    const double wall_ns = std::ceil(static_cast<double>(step) * NANOSECONDS_PER_STEP / options_.time_scale) + 1.0;
-    const double bounded_ns = std::min(wall_ns, FAR_FUTURE_NS);
-    return epoch_ + std::chrono::nanoseconds(static_cast<int64_t>(bounded_ns));
+    return detail::DeviceClock(epoch_, options_.time_scale).time_of_step(step);
 }
 
 void SimBus::queue_reply(int address, std::vector<uint8_t> bytes, int kind, Clock::time_point produced) {
@@ -244,13 +234,8 @@ void SimBus::advance_devices(int64_t target) {
 void SimBus::handle_frame(int address, const std::vector<uint8_t>& frame, Clock::time_point now) {
     detail::EmulatedDevice::Replies replies;
     if (address == wire::ADAPTER_ADDRESS) {
-        // The adapter only answers pings, with its model code and the library's version.
-        if (!frame.empty() && frame[0] == static_cast<uint8_t>(wire::Command::PING)) {
-            std::vector<uint8_t> bytes{static_cast<uint8_t>(wire::RecordCode::PING_REPLY)};
-            wire::append_u16(bytes, MODEL_CODE_CAN_ADAPTER);
-            wire::append_u16(bytes, wire::firmware_word(VERSION_MAJOR, VERSION_MINOR, VERSION_PATCH));
-            queue_reply(address, std::move(bytes), wire::REPLY_STREAMED, now);
-        }
+        if (auto answer = detail::adapter_answer(frame))
+            queue_reply(address, std::move(*answer), wire::REPLY_STREAMED, now);
         return;
     }
     if (EmulatedActuator* device = device_at(address)) device->device_->handle_frame(frame, steps_done_, replies);
