@@ -134,7 +134,7 @@ Percentiles transport_round_trip(const std::string& interface) {
 // The frames of one streamed feedback reply, as a device segments it.
 std::vector<CanFrame> feedback_reply_frames() {
     std::vector<uint8_t> reply;
-    wire::append_item_record(reply, OCP_Items::POS_FB_4C, 1.5f);
+    wire::append_item_record(reply, OrreryActuator::OCP_Items::POS_FB_4C, 1.5f);
     can::Node device(can::Role::device, {});
     std::vector<CanFrame> frames;
     device.queue(kDevice, 0, reply, can::IsoTpClock::now(), frames);
@@ -176,7 +176,7 @@ double transport_decodes_per_cpu_second(const std::string& interface) {
     OrreryActuator joint(bus, kDevice);
     std::atomic<int> decoded{0};
     joint.set_feedback_callback([&](int, OrreryActuator::FeedbackMap items) {
-        if (items.count(OCP_Items::POS_FB_4C)) decoded.fetch_add(1);
+        if (items.count(OrreryActuator::OCP_Items::POS_FB_4C)) decoded.fetch_add(1);
     });
     const double cpu_before = process_cpu_seconds();
     double feeder_cpu = 0;
