@@ -44,10 +44,12 @@ run_one() {
   local corpus="$build_dir/fuzz-corpus/$name" findings="$build_dir/fuzz-findings/$name"
   local log="$build_dir/fuzz-logs/$name.log"
   mkdir -p "$corpus" "$findings" "$build_dir/fuzz-logs"
+  local seeds=()
+  [ -d "$seed_root/$name" ] && seeds=("$seed_root/$name")
   # -timeout flags an input that takes over 10 s (a wedged bus) as a finding.
   ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
     "$build_dir/tests/fuzz/$program" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
-    -print_final_stats=1 -artifact_prefix="$findings/" "$corpus" "$seed_root/$name" >"$log" 2>&1
+    -print_final_stats=1 -artifact_prefix="$findings/" "$corpus" "${seeds[@]}" >"$log" 2>&1
   local status=$?
   local runs
   runs=$(grep -o 'stat::number_of_executed_units: *[0-9]*' "$log" | grep -o '[0-9]*$')

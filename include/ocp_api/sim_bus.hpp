@@ -129,6 +129,8 @@ private:
     std::mutex join_mutex_;               // one thread joins the worker
 
     std::thread worker_;  // last: starts after everything above exists
+    // Read by close() on any thread, while another may be joining worker_.
+    std::thread::id worker_id_;
 };
 
 }  // namespace ocp_api

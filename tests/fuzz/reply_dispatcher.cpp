@@ -51,6 +51,20 @@ protected:
     int overflow(int c) override { return c; }
 };
 
+// Points standard error at a DiscardingBuffer while it lives, and back at its
+// own buffer before the streams are flushed at exit.
+class SilencedStandardError {
+public:
+    SilencedStandardError() : original_(std::cerr.rdbuf(&discard_)) {}
+    ~SilencedStandardError() { std::cerr.rdbuf(original_); }
+    SilencedStandardError(const SilencedStandardError&) = delete;
+    SilencedStandardError& operator=(const SilencedStandardError&) = delete;
+
+private:
+    DiscardingBuffer discard_;
+    std::streambuf* original_;
+};
+
 bool same_float(float a, float b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
 bool all_items_valid(const OrreryActuator::FeedbackMap& items) {
@@ -63,6 +77,48 @@ bool is_known_error_bit(int bit) {
     for (const auto& known : ocp_api::wire::ERROR_BITS)
         if (known.bit == bit) return true;
     return false;
+}
+
+// What a buffer must lead to, read independently of the dispatcher: the item
+// records up to the first record that is not an item, and how the walk ends.
+enum class Ending { ITEMS, PING, PARAMETERS, ERRORS, UNKNOWN };
+struct Expected {
+    Ending ending = Ending::ITEMS;
+    OrreryActuator::FeedbackMap items;
+};
+
+Expected expected_walk(const std::vector<uint8_t>& bytes) {
+    using ocp_api::wire::RecordCode;
+    constexpr std::size_t RECORD = ocp_api::wire::RECORD_SIZE;
+    Expected expected;
+    for (std::size_t p = 0; p < bytes.size(); p += RECORD) {
+        const uint8_t code = bytes[p];
+        const bool whole = p + RECORD <= bytes.size();
+        if (code == static_cast<uint8_t>(RecordCode::RECORD_END)) break;
+        if (code == static_cast<uint8_t>(RecordCode::PARAMETERS)) {
+            expected.ending = Ending::PARAMETERS;
+            break;
+        }
+        if (code == static_cast<uint8_t>(RecordCode::PING_REPLY) || code == static_cast<uint8_t>(RecordCode::ERROR_FLAGS)) {
+            if (whole) expected.ending = code == static_cast<uint8_t>(RecordCode::PING_REPLY) ? Ending::PING : Ending::ERRORS;
+            break;
+        }
+        if (!ocp_api::wire::is_item_code(code)) {
+            expected.ending = Ending::UNKNOWN;
+            break;
+        }
+        if (!whole) break;
+        expected.items[static_cast<OrreryActuator::OCP_Items>(code)] =
+            ocp_api::wire::decode_item_value(code, ocp_api::wire::read_u32(&bytes[p + 1]));
+    }
+    return expected;
+}
+
+bool same_items(const OrreryActuator::FeedbackMap& a, const OrreryActuator::FeedbackMap& b) {
+    if (a.size() != b.size()) return false;
+    for (const auto& [item, value] : a)
+        if (b.count(item) == 0 || !same_float(b.at(item), value)) return false;
+    return true;
 }
 
 struct Observed {
@@ -88,6 +144,23 @@ void check_reply(ProbedActuator& actuator, const std::vector<uint8_t>& buffer, i
             require(feedback.count(item) == 1 && same_float(feedback.at(item), value),
                     "the feedback map holds the delivered values");
     }
+    const Expected expected = expected_walk(buffer);
+    if (expected.ending == Ending::ITEMS) {
+        if (kind == ocp_api::wire::REPLY_STREAMED) {
+            require(seen.feedback_calls == 1, "a streamed buffer of items calls the feedback callback once");
+            require(same_items(seen.delivered, expected.items), "the callback gets exactly the buffer's items");
+        } else {
+            require(same_items(actuator.requested_items(), expected.items),
+                    "a requested buffer of items replaces the requested items with exactly its items");
+        }
+    } else {
+        require(seen.feedback_calls == 0 && feedback.empty() && actuator.requested_items().empty(),
+                "a buffer that ends in a ping, parameters, errors or an unknown code delivers no items");
+    }
+    require(actuator.ping_flag() == (expected.ending == Ending::PING), "only a whole ping reply raises the ping flag");
+    require(seen.error_calls == 0 || expected.ending == Ending::ERRORS, "only a whole error record reports errors");
+    if (expected.ending != Ending::PARAMETERS)
+        require(!actuator.parameters_flag(), "only a parameters record stores parameters");
     if (actuator.ping_flag()) {
         const auto& names = OrreryActuator::MODELS_NAMES;
         const std::string model = actuator.get_model_name();
@@ -116,9 +189,7 @@ void check_parser(ProbedActuator& actuator, const std::vector<uint8_t>& buffer, 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
-    static DiscardingBuffer discard;
-    static std::streambuf* const original = std::cerr.rdbuf(&discard);
-    (void)original;
+    static const SilencedStandardError silenced;
 
     ocp_fuzz::FuzzInput input(data, size);
     const uint8_t selector = input.byte();

@@ -225,6 +225,12 @@ int main(int argc, char** argv) {
         std::this_thread::sleep_until(start + std::chrono::seconds(baseline_after));
         rss_baseline = resident_kib();
         print_snapshot("first minute", elapsed(), bus, transport, stats, rss_baseline);
+        // Resident memory once a minute, to tell a trend from noise.
+        for (long minute = baseline_after + 60; minute < seconds; minute += 60) {
+            std::this_thread::sleep_until(start + std::chrono::seconds(minute));
+            std::printf("  t=%6.1f s  rss=%ld KiB\n", elapsed(), resident_kib());
+            std::fflush(stdout);
+        }
         std::this_thread::sleep_until(start + std::chrono::seconds(seconds));
 
         running.store(false);

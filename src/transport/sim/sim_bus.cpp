@@ -101,6 +101,7 @@ SimBus::SimBus(SimBusOptions options)
       loss_rng_(options.seed),
       pending_(std::make_unique<Pending>()) {
     worker_ = std::thread([this] { run(); });
+    worker_id_ = worker_.get_id();
 }
 
 SimBus::~SimBus() {
@@ -186,7 +187,7 @@ void SimBus::close() {
     wake_.notify_all();
     // From inside a callback the worker cannot wait for itself: it leaves its
     // loop when the callback returns, and the destructor joins it.
-    if (worker_.get_id() != std::this_thread::get_id()) join_worker();
+    if (worker_id_ != std::this_thread::get_id()) join_worker();
 }
 
 void SimBus::join_worker() {

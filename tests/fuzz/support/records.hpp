@@ -12,7 +12,7 @@
 namespace ocp_fuzz {
 
 inline bool is_parameter_code(uint8_t code) {
-    for (const auto parameter : ocp_api::ALL_PARAMETERS)
+    for (const auto parameter : ocp_api::PhysicalIdentifiers::ALL_PARAMETERS)
         if (static_cast<uint8_t>(parameter) == code) return true;
     return false;
 }

@@ -305,6 +305,21 @@ TEST(SimBus, NoCallbackRunsAfterCloseReturnedOnAnotherThread) {
     EXPECT_EQ(calls_after_close.load(), 0);
 }
 
+TEST(SimBus, CloseFromTwoThreadsAtOnceReturnsOnBothWithTheWorkerStopped) {
+    SimBus bus(SimBusOptions{1000.0, std::chrono::microseconds(0)});
+    std::atomic<int> calls{0};
+    bus.add_actuator(0x21);
+    bus.setCallback(0x21, [&](int, Bytes, int) { calls.fetch_add(1); });
+    bus.send(0x21, feedback_rate_frame(1));
+    ASSERT_TRUE(eventually([&] { return calls.load() > 100; }));
+    std::thread other([&] { bus.close(); });
+    bus.close();
+    other.join();
+    const int at_close = calls.load();
+    EXPECT_FALSE(bus.send(0x21, {static_cast<uint8_t>(wire::Command::PING)}));
+    EXPECT_EQ(calls.load(), at_close);
+}
+
 TEST(SimBus, PhysicsAccessReachesTheDevicesModel) {
     SimBus bus;
     bus.add_actuator(0x21);
