@@ -1,9 +1,11 @@
 // OrreryActuator and OrreryActuatorScanner.
 //
-// Every call that reaches the transport runs without the GIL: a transport may
-// hold its own lock while it needs the GIL (a python-can link sends under its
-// bus's lock), and its receive thread takes the GIL to run callbacks, so a
-// thread must never wait for a transport lock while holding the GIL. Calls
+// Every call that reaches the transport or takes the actuator's lock runs
+// without the GIL: a transport may hold its own lock while it needs the GIL (a
+// python-can link sends under its bus's lock), the receive thread may release
+// a replaced Python callback (which takes the GIL) under the actuator's lock,
+// and it takes the GIL to run callbacks, so a thread must never wait for one
+// of those locks while holding the GIL. Calls
 // that wait for the device release it for the same reason and so that other
 // Python threads run meanwhile. Only the conversions to Python run with it.
 #include <pybind11/stl.h>
@@ -74,14 +76,20 @@ void define_actuator(py::module_& module, ActuatorClass& cls) {
              "Sends STOP and removes the receive callback: no reply reaches this actuator any more.")
         .def(
             "set_feedback_callback",
-            [](Actuator& self, py::object callback) { self.set_feedback_callback(wrap_feedback_callback(callback)); },
+            [](Actuator& self, py::object callback) {
+                auto wrapped = wrap_feedback_callback(std::move(callback));
+                without_gil([&] { self.set_feedback_callback(std::move(wrapped)); });
+            },
             py::arg("callback").none(true),
             "Calls ``callback(address, items)`` on the transport's receive thread for every\n"
             "streamed reply; ``items`` is a dict of ``OCP_Items`` to float. None removes it.\n"
             "An exception in the callback goes to ``sys.unraisablehook``; streaming goes on.")
         .def(
             "set_error_callback",
-            [](Actuator& self, py::object callback) { self.set_error_callback(wrap_error_callback(callback)); },
+            [](Actuator& self, py::object callback) {
+                auto wrapped = wrap_error_callback(std::move(callback));
+                without_gil([&] { self.set_error_callback(std::move(wrapped)); });
+            },
             py::arg("callback").none(true),
             "Calls ``callback(address, errors)`` for an error report; ``errors`` maps the\n"
             "error bit number to its description. Replaces the default, which prints and\n"
@@ -118,7 +126,8 @@ void define_actuator(py::module_& module, ActuatorClass& cls) {
              "Sets the streaming rate: a ``Rates`` member or an int in Hz (0 stops streaming).")
         .def("setFeedbackRate", py::overload_cast<int>(&Actuator::setFeedbackRate), py::arg("hz"), release_gil())
         .def(
-            "get_feedback", [](const Actuator& self) { return to_dict(self.get_feedback()); },
+            "get_feedback",
+            [](const Actuator& self) { return to_dict(without_gil([&] { return self.get_feedback(); })); },
             "The latest streamed items, a dict of ``OCP_Items`` to float.")
         .def(
             "getItemsBlocking",
@@ -217,19 +226,19 @@ void define_actuator(py::module_& module, ActuatorClass& cls) {
         .def("blink", &Actuator::blink, release_gil())
 
         // --- accessors ---------------------------------------------------------
-        .def("get_address", &Actuator::get_address)
-        .def("get_model_name", &Actuator::get_model_name)
-        .def("get_firmware_version", &Actuator::get_firmware_version)
-        .def("is_connected", &Actuator::is_connected)
-        .def("get_mode", &Actuator::get_mode)
-        .def("get_can_high_speed", &Actuator::get_can_high_speed)
-        .def_property_readonly("address", &Actuator::get_address, "The current bus address.")
-        .def_property_readonly("model_name", &Actuator::get_model_name, "From the last ping reply; \"\" before.")
-        .def_property_readonly("firmware_version", &Actuator::get_firmware_version,
+        .def("get_address", &Actuator::get_address, release_gil())
+        .def("get_model_name", &Actuator::get_model_name, release_gil())
+        .def("get_firmware_version", &Actuator::get_firmware_version, release_gil())
+        .def("is_connected", &Actuator::is_connected, release_gil())
+        .def("get_mode", &Actuator::get_mode, release_gil())
+        .def("get_can_high_speed", &Actuator::get_can_high_speed, release_gil())
+        .def_property_readonly("address", py::cpp_function(&Actuator::get_address, release_gil()), "The current bus address.")
+        .def_property_readonly("model_name", py::cpp_function(&Actuator::get_model_name, release_gil()), "From the last ping reply; \"\" before.")
+        .def_property_readonly("firmware_version", py::cpp_function(&Actuator::get_firmware_version, release_gil()),
                                "From the last ping reply; \"x.x.x\" before.")
-        .def_property_readonly("connected", &Actuator::is_connected, "Whether the last connect() was answered.")
-        .def_property_readonly("mode", &Actuator::get_mode, "The mode last sent.")
-        .def_property_readonly("can_high_speed", &Actuator::get_can_high_speed);
+        .def_property_readonly("connected", py::cpp_function(&Actuator::is_connected, release_gil()), "Whether the last connect() was answered.")
+        .def_property_readonly("mode", py::cpp_function(&Actuator::get_mode, release_gil()), "The mode last sent.")
+        .def_property_readonly("can_high_speed", py::cpp_function(&Actuator::get_can_high_speed, release_gil()));
 
     py::class_<OrreryActuatorScanner, OrreryActuator, Holder<OrreryActuatorScanner>>(module, "OrreryActuatorScanner",
                                                                                     R"doc(
