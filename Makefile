@@ -76,6 +76,14 @@ bench: deps
 	@cmake --build build-bench -j $(JOBS)
 	./build-bench/bench/ocp_api_bench
 
+# The SocketCAN transport against a C echo and candump, in the test VM.
+bench-vm: deps
+	@cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DOCP_API_BUILD_BENCHMARKS=ON \
+	  -DOCP_API_BUILD_TESTS=OFF -DOCP_API_BUILD_EXAMPLES=OFF >/dev/null
+	@cmake --build build-bench -j $(JOBS) --target ocp_api_socketcan_bench can_echo
+	OCP_VM_VERBOSE=1 tests/vm/run-in-vm.sh --bin build-bench/bench/can_echo \
+	  build-bench/bench/ocp_api_socketcan_bench vcan0 /test/can_echo
+
 install: build
 	cmake --install build
 

@@ -60,8 +60,10 @@ public:
     void start();
     void stop();
     void disconnect();
-    void set_feedback_callback(FeedbackCallback cb);
-    void set_error_callback(ErrorCallback cb);
+    // Replace the callback; an empty one switches the call off. Never throw,
+    // also when memory is short: nothing is allocated here.
+    void set_feedback_callback(FeedbackCallback cb) noexcept;
+    void set_error_callback(ErrorCallback cb) noexcept;
     // Kept for interface compatibility; the device has no low-frequency
     // channel, so these do nothing at all.
     void set_low_freq_feedback_callback(LowFreqFeedbackCallback cb);
@@ -134,6 +136,35 @@ public:
     bool get_can_high_speed() const;
 
 protected:
+    // A host callback that the setter replaces without allocating and the
+    // receive thread calls outside the lock. The setter only swaps the function
+    // into a pending slot; the next caller wraps it in a shared pointer, so a
+    // callback replaced while it runs stays alive until it returns. Every
+    // member function is called with the actuator's mutex held.
+    template <class Function>
+    class CallbackSlot {
+    public:
+        // Leaves the previous pending function in `function`, for the caller
+        // to destroy after releasing the lock.
+        void replace(Function& function) noexcept {
+            pending_.swap(function);
+            changed_ = true;
+        }
+        std::shared_ptr<const Function> current() {
+            if (changed_) {
+                active_ = pending_ ? std::make_shared<const Function>(std::move(pending_)) : nullptr;
+                pending_ = nullptr;
+                changed_ = false;
+            }
+            return active_;
+        }
+
+    private:
+        Function pending_;
+        bool changed_ = false;
+        std::shared_ptr<const Function> active_;
+    };
+
     void send_command(wire::Command command);
     void send_byte(wire::Command command, uint8_t value);
     void send_floats(wire::Command command, std::initializer_list<float> values);
@@ -157,10 +188,8 @@ protected:
     FeedbackMap feedback_;
     FeedbackMap requested_items_;
     ParameterMap parameters_;
-    // Held by shared pointer so the receive thread can take a reference under
-    // the lock and call it outside, without copying the function itself.
-    std::shared_ptr<const FeedbackCallback> feedback_callback_;
-    std::shared_ptr<const ErrorCallback> error_callback_;
+    CallbackSlot<FeedbackCallback> feedback_callback_;
+    CallbackSlot<ErrorCallback> error_callback_;
 };
 
 // Finds actuators on the bus. Bound to address 0, where the CAN adapter must

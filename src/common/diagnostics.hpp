@@ -9,13 +9,18 @@
 
 namespace ocp_api::detail {
 
-void write_line(std::ostream& stream, const std::string& text);
+// The number base a line leaves its stream in. A line that shows numbers in
+// hexadecimal leaves the stream in decimal afterwards, whatever base the host
+// had set on it; other lines leave the stream's format alone.
+enum class AfterLine { KEEP_BASE, DECIMAL };
+
+void write_line(std::ostream& stream, const std::string& text, AfterLine after = AfterLine::KEEP_BASE);
 
 // Assembles a diagnostic with stream syntax: error_line() << "Rate " << hz;
 // the line goes to standard error when the temporary dies.
 class ErrorLine {
 public:
-    ErrorLine() = default;
+    explicit ErrorLine(AfterLine after = AfterLine::KEEP_BASE) : after_(after) {}
     ErrorLine(const ErrorLine&) = delete;
     ErrorLine& operator=(const ErrorLine&) = delete;
     ~ErrorLine();
@@ -31,6 +36,7 @@ public:
     }
 
 private:
+    AfterLine after_;
     std::ostringstream text_;
 };
 

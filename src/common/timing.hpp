@@ -15,6 +15,13 @@ inline constexpr std::chrono::nanoseconds DEVICE_RESET_PAUSE = std::chrono::mill
 // that remains.
 void sleep_resuming(std::chrono::nanoseconds duration);
 
+// A wait in float seconds as whole milliseconds, truncated toward zero: 0 for
+// NaN and waits of 0 or less, INT64_MAX for waits too long for int64_t.
+int64_t whole_milliseconds(float seconds);
+
+// Sleeps `milliseconds`, however long, resuming after signals.
+void sleep_milliseconds_resuming(int64_t milliseconds);
+
 // Seconds since `start` on the steady clock, as a float.
 float seconds_since(std::chrono::steady_clock::time_point start);
 

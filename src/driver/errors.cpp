@@ -27,19 +27,19 @@ void OrreryActuator::parse_errors(uint32_t error_word) {
     std::shared_ptr<const ErrorCallback> callback;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        callback = error_callback_;
+        callback = error_callback_.current();
     }
     if (callback) (*callback)(address_.load(), std::move(errors));
 }
 
 void OrreryActuator::default_error_callback(int address, const ErrorMap& errors) {
     for (const auto& [bit, description] : errors) {
-        detail::ErrorLine() << "Actuator 0x" << std::hex << address << std::dec << " Error code: " << bit << " - "
-                            << description;
+        detail::ErrorLine(detail::AfterLine::DECIMAL) << "Actuator 0x" << std::hex << address << std::dec
+                                                      << " Error code: " << bit << " - " << description;
         if (bit >= wire::FIRST_SEVERE_ERROR_BIT) {
             stop();
-            detail::ErrorLine() << "Actuator 0x" << std::hex << address
-                                << " Stopping (override error_callback to change)";
+            detail::ErrorLine(detail::AfterLine::DECIMAL) << "Actuator 0x" << std::hex << address
+                                                          << " Stopping (override error_callback to change)";
         }
     }
 }

@@ -12,8 +12,8 @@ OrreryActuator::OrreryActuator(OCP& transport, int address) : transport_(transpo
     feedback_.max_load_factor(1.0f);
     requested_items_.max_load_factor(1.0f);
     parameters_.max_load_factor(1.0f);
-    error_callback_ = std::make_shared<const ErrorCallback>(
-        [this](int source, ErrorMap errors) { default_error_callback(source, errors); });
+    ErrorCallback default_callback = [this](int source, ErrorMap errors) { default_error_callback(source, errors); };
+    error_callback_.replace(default_callback);
     transport_.setCallback(address, [this](int source, std::vector<uint8_t> bytes, int kind) {
         can_callback(source, std::move(bytes), kind);
     });
@@ -45,16 +45,16 @@ void OrreryActuator::disconnect() {
     connected_.store(false);
 }
 
-void OrreryActuator::set_feedback_callback(FeedbackCallback cb) {
-    auto shared = cb ? std::make_shared<const FeedbackCallback>(std::move(cb)) : nullptr;
+// The earlier pending callback ends up in `cb` and dies after the lock is
+// released, so its destructor may call back into the actuator.
+void OrreryActuator::set_feedback_callback(FeedbackCallback cb) noexcept {
     std::lock_guard<std::mutex> lock(mutex_);
-    feedback_callback_.swap(shared);
+    feedback_callback_.replace(cb);
 }
 
-void OrreryActuator::set_error_callback(ErrorCallback cb) {
-    auto shared = cb ? std::make_shared<const ErrorCallback>(std::move(cb)) : nullptr;
+void OrreryActuator::set_error_callback(ErrorCallback cb) noexcept {
     std::lock_guard<std::mutex> lock(mutex_);
-    error_callback_.swap(shared);
+    error_callback_.replace(cb);
 }
 
 void OrreryActuator::set_low_freq_feedback_callback(LowFreqFeedbackCallback) {}

@@ -97,12 +97,7 @@ void OrreryActuator::restore_factory_parameters(float wait_s) {
         feedback_.clear();
         requested_items_.clear();
     }
-    if (wait_s > 0.0f) {
-        const float ms = std::trunc(wait_s * 1000.0f);
-        // Waits beyond a day are clamped rather than overflowing the duration.
-        const float bounded_ms = std::min(ms, 86400000.0f);
-        if (bounded_ms > 0.0f) detail::sleep_resuming(std::chrono::milliseconds(static_cast<int64_t>(bounded_ms)));
-    }
+    detail::sleep_milliseconds_resuming(detail::whole_milliseconds(wait_s));
 }
 
 }  // namespace ocp_api

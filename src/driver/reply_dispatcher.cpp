@@ -14,11 +14,10 @@ bool record_is_complete(std::size_t position, std::size_t size) { return positio
 
 void OrreryActuator::can_callback(int /*source*/, std::vector<uint8_t> bytes, int kind) {
     const std::size_t size = bytes.size();
+    // Default bucket count, grown as records are inserted: the host sees this
+    // map (or its copy), and its iteration order depends on the bucket count.
     FeedbackMap items;
     items.max_load_factor(1.0f);
-    // One bucket allocation for all the records the buffer can hold, instead
-    // of rehashing as they are inserted.
-    items.reserve(size / wire::RECORD_SIZE);
     std::size_t p = 0;
     while (p < size) {
         const uint8_t code = bytes[p];
@@ -45,7 +44,7 @@ void OrreryActuator::can_callback(int /*source*/, std::vector<uint8_t> bytes, in
                     p += wire::RECORD_SIZE;
                     continue;
                 }
-                detail::ErrorLine() << "Unknown command 0x" << std::hex << static_cast<unsigned>(code);
+                detail::ErrorLine(detail::AfterLine::DECIMAL) << "Unknown command 0x" << std::hex << static_cast<unsigned>(code);
                 return;
         }
         break;  // a truncated record ends the walk like RECORD_END
@@ -72,7 +71,7 @@ void OrreryActuator::deliver_items(FeedbackMap items, int kind) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         for (const auto& [item, value] : items) feedback_[item] = value;
-        callback = feedback_callback_;
+        callback = feedback_callback_.current();
     }
     // The host sees only the items of this buffer.
     if (callback) (*callback)(address_.load(), std::move(items));

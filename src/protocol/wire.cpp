@@ -105,6 +105,14 @@ ValueType parameter_value_type(uint8_t code) {
 
 namespace {
 
+// A mode is an integer carried as a float: truncated toward zero, with -0.5
+// giving +0.0 as an integer conversion would, not -0.0. NaN and infinities
+// pass through.
+float truncated_mode(float value) {
+    const float whole = std::trunc(value);
+    return whole == 0.0f ? 0.0f : whole;
+}
+
 float decode_value(ValueType type, uint32_t word) {
     switch (type) {
         case ValueType::U32:
@@ -112,7 +120,7 @@ float decode_value(ValueType type, uint32_t word) {
         case ValueType::I32:
             return static_cast<float>(static_cast<int32_t>(word));
         case ValueType::MODE:
-            return std::trunc(float_from_bits(word));
+            return truncated_mode(float_from_bits(word));
         case ValueType::F32:
             break;
     }

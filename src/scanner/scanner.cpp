@@ -58,7 +58,7 @@ std::vector<int> OrreryActuatorScanner::scan(int first_address, int last_address
             std::ostringstream line;
             line << "Device found: address 0x" << std::hex << address << std::dec << " (" << address << ")\tmodel "
                  << get_model_name() << "\tfirmware " << get_firmware_version();
-            detail::write_line(std::cout, line.str());
+            detail::write_line(std::cout, line.str(), detail::AfterLine::DECIMAL);
             found.push_back(address);
         }
         if (address >= 0) transport_.removeCallback(address);

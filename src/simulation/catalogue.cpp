@@ -49,9 +49,10 @@ std::vector<std::string> OrreryActuatorVirtual::discover_available_actuators(con
                 names.insert(entry.path().filename().string());
             }
         }
-    } catch (const std::filesystem::filesystem_error&) {
-        // A missing, unreadable or vanished directory ends the scan quietly
-        // with what was found so far.
+    } catch (...) {
+        // Whatever goes wrong while opening, reading or examining (a missing,
+        // unreadable or vanished directory, memory running short) ends the
+        // scan quietly with what was found so far.
     }
     return std::vector<std::string>(names.begin(), names.end());
 }

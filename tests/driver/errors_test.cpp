@@ -71,6 +71,25 @@ TEST_F(Errors, DefaultCallbackReportsAndStopsOnceForOneSevereBit) {
     EXPECT_EQ(transport.frames(), (std::vector<Bytes>{{0x02}}));
 }
 
+TEST_F(Errors, DefaultCallbackLinesLeaveStandardErrorInDecimal) {
+    StreamCapture err(std::cerr);
+    {
+        HostSetHex hex(std::cerr);
+        transport.deliver(0x2a, error_reply(1u << 0));
+        EXPECT_EQ(err.text(), "Actuator 0x2a Error code: 0 - Overtemperature\n");
+        EXPECT_TRUE(in_decimal(std::cerr));
+    }
+    {
+        HostSetHex hex(std::cerr);
+        transport.deliver(0x2a, error_reply(1u << 16));
+        EXPECT_TRUE(in_decimal(std::cerr));
+    }
+    EXPECT_EQ(err.text(),
+              "Actuator 0x2a Error code: 0 - Overtemperature\n"
+              "Actuator 0x2a Error code: 16 - Current maximum\n"
+              "Actuator 0x2a Stopping (override error_callback to change)\n");
+}
+
 TEST_F(Errors, TwoSevereBitsStopTwice) {
     StreamCapture err(std::cerr);
     actuator.parse_errors((1u << 16) | (1u << 17));

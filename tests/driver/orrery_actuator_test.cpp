@@ -5,6 +5,7 @@
 #include <chrono>
 
 #include "support/device_replies.hpp"
+#include "support/failing_allocation.hpp"
 #include "support/recording_transport.hpp"
 
 namespace {
@@ -114,6 +115,28 @@ TEST_F(ActuatorLifecycle, DestructionSendsStopAndRemovesTheCallback) {
     { OrreryActuator actuator(transport, 0x33); }
     EXPECT_EQ(transport.frames(), (std::vector<Bytes>{{0x02}}));
     EXPECT_FALSE(transport.has_callback(0x33));
+}
+
+TEST_F(ActuatorLifecycle, CallbackSettersDoNotThrowWhenMemoryIsShort) {
+    OrreryActuator actuator(transport, 0x21);
+    int feedback_calls = 0;
+    int error_calls = 0;
+    OrreryActuator::FeedbackCallback on_feedback = [&](int, OrreryActuator::FeedbackMap) { ++feedback_calls; };
+    OrreryActuator::ErrorCallback on_error = [&](int, OrreryActuator::ErrorMap) { ++error_calls; };
+    static_assert(noexcept(actuator.set_feedback_callback(std::move(on_feedback))));
+    static_assert(noexcept(actuator.set_error_callback(std::move(on_error))));
+    {
+        FailingAllocation short_of_memory;
+        EXPECT_NO_THROW(actuator.set_feedback_callback(std::move(on_feedback)));
+        EXPECT_NO_THROW(actuator.set_error_callback(std::move(on_error)));
+        EXPECT_NO_THROW(actuator.set_feedback_callback(nullptr));
+        EXPECT_NO_THROW(actuator.set_feedback_callback([&](int, OrreryActuator::FeedbackMap) { ++feedback_calls; }));
+    }
+    // Both callbacks were installed, the last one set wins.
+    transport.deliver(0x21, Bytes{0x41} + f32(1.0f), 0);
+    transport.deliver(0x21, error_reply(1u << 0));
+    EXPECT_EQ(feedback_calls, 1);
+    EXPECT_EQ(error_calls, 1);
 }
 
 TEST_F(ActuatorLifecycle, LowFrequencyOperationsDoNothing) {

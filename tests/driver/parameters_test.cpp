@@ -1,8 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <cmath>
+#include <limits>
 #include <set>
 
+#include "common/timing.hpp"
 #include "ocp_api/orrery_actuator.hpp"
 #include "support/device_replies.hpp"
 #include "support/recording_transport.hpp"
@@ -148,7 +152,7 @@ TEST_F(ParameterAccess, TimeoutOnTheFirstBatchReturnsEmptyAndStops) {
 TEST_F(ParameterAccess, TimeoutOnALaterBatchReturnsWhatEarlierBatchesBrought) {
     ParameterDevice device(transport, 2, true);
     StreamCapture err(std::cerr);
-    const ParameterMap all = actuator.get_parameters(std::vector<P>(OrreryActuator::ALL_PARAMETERS.begin(), OrreryActuator::ALL_PARAMETERS.end()), 0.5f);
+    const ParameterMap all = actuator.get_parameters(std::vector<P>(OrreryActuator::ALL_PARAMETERS.begin(), OrreryActuator::ALL_PARAMETERS.end()), 2.0f);
     transport.join_deliveries();
     EXPECT_EQ(transport.frames().size(), 3u);
     EXPECT_EQ(all.size(), 18u);
@@ -166,6 +170,16 @@ TEST_F(ParameterAccess, ParserStoresDecodedValues) {
     });
     const ParameterMap store = actuator.get_parameters({P::MODE}, 0.0f);
     EXPECT_EQ(store, (ParameterMap{{P::MODE, 6.0f}, {P::DEVICE_80, 20000.0f}, {P::ADDRESS, 33.0f}}));
+}
+
+TEST_F(ParameterAccess, ReceivedModeOfMinusAHalfIsStoredAsPositiveZero) {
+    transport.set_responder([this](int address, const Bytes& frame) {
+        if (is_command(frame, wire::Command::GET_PARAMETERS)) transport.deliver(address, Bytes{0x83, 0x30} + f32(-0.5f));
+    });
+    const ParameterMap store = actuator.get_parameters({P::MODE}, 0.0f);
+    ASSERT_EQ(store.count(P::MODE), 1u);
+    EXPECT_EQ(store.at(P::MODE), 0.0f);
+    EXPECT_FALSE(std::signbit(store.at(P::MODE)));
 }
 
 TEST_F(ParameterAccess, ParserIgnoresShortTails) {
@@ -187,6 +201,25 @@ TEST_F(ParameterAccess, SaveAndClearConfig) {
     actuator.clear_config();
     EXPECT_EQ(transport.frames(), (std::vector<Bytes>{{0x39}, {0xC2}}));
     EXPECT_EQ(err.text(), "Warning: Actuator configuration cleared. Device will reset.\n");
+}
+
+TEST(FactoryRestoreWait, WholeMillisecondsTruncatedWithoutADayCap) {
+    EXPECT_EQ(detail::whole_milliseconds(0.0015f), 1);
+    EXPECT_EQ(detail::whole_milliseconds(1.0f), 1000);
+    // Two days: no longer clamped to one.
+    EXPECT_EQ(detail::whole_milliseconds(172800.0f), 172800000);
+    EXPECT_EQ(detail::whole_milliseconds(1e15f), static_cast<int64_t>(1e15f * 1000.0f));
+    EXPECT_EQ(detail::whole_milliseconds(1e30f), std::numeric_limits<int64_t>::max());
+    EXPECT_EQ(detail::whole_milliseconds(std::numeric_limits<float>::infinity()), std::numeric_limits<int64_t>::max());
+    EXPECT_EQ(detail::whole_milliseconds(0.0009f), 0);
+    EXPECT_EQ(detail::whole_milliseconds(-1.0f), 0);
+    EXPECT_EQ(detail::whole_milliseconds(std::nanf("")), 0);
+}
+
+TEST_F(ParameterAccess, FactoryRestoreSleepsTheWholeWait) {
+    const auto start = std::chrono::steady_clock::now();
+    actuator.restore_factory_parameters(0.06f);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(60));
 }
 
 TEST_F(ParameterAccess, FactoryRestoreStopsSilencesClearsAndResetsLocalState) {

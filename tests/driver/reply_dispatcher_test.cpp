@@ -39,12 +39,57 @@ TEST_F(ReplyDispatcher, StreamedItemUpdatesFeedbackAndCallsBack) {
     EXPECT_EQ(last_items, (FeedbackMap{{Items::POS_FB_41, 1.0f}}));
 }
 
+// The map a buffer's items make when inserted one by one into a map with the
+// default bucket count and a maximum load factor of 1.0.
+FeedbackMap grown_item_by_item(const std::vector<Items>& items) {
+    FeedbackMap map;
+    map.max_load_factor(1.0f);
+    for (const Items item : items) map[item] = 1.0f;
+    return map;
+}
+
+std::vector<Items> keys_in_iteration_order(const FeedbackMap& map) {
+    std::vector<Items> keys;
+    for (const auto& entry : map) keys.push_back(entry.first);
+    return keys;
+}
+
+Bytes item_records(const std::vector<Items>& items) {
+    Bytes bytes;
+    for (const Items item : items) bytes = bytes + Bytes{code_of(item)} + f32(1.0f);
+    return bytes;
+}
+
+TEST_F(ReplyDispatcher, ItemMapsGrowFromTheDefaultBucketCount) {
+    for (std::size_t n = 1; n <= 24; ++n) {
+        const std::vector<Items> items(OrreryActuator::ALL_ITEMS.begin(), OrreryActuator::ALL_ITEMS.begin() + n);
+        const FeedbackMap expected = grown_item_by_item(items);
+        actuator.can_callback(0x21, item_records(items), 0);
+        EXPECT_EQ(last_items.bucket_count(), expected.bucket_count()) << n << " items";
+        EXPECT_EQ(keys_in_iteration_order(last_items), keys_in_iteration_order(expected)) << n << " items";
+        transport.set_responder([&](int address, const Bytes& frame) {
+            if (is_command(frame, wire::Command::GET_ITEMS)) transport.deliver(address, item_records(items), 1);
+        });
+        const FeedbackMap requested = actuator.getItemsBlocking(items, 1.0f);
+        transport.set_responder(nullptr);
+        EXPECT_EQ(keys_in_iteration_order(requested), keys_in_iteration_order(expected)) << n << " items";
+    }
+}
+
 TEST_F(ReplyDispatcher, UnknownRecordDropsTheWholeBufferWithADiagnostic) {
     StreamCapture err(std::cerr);
     actuator.can_callback(0x21, Bytes{0x41, 0x00, 0x00, 0x80, 0x3F, 0x4E, 0x00, 0x00, 0x00, 0x00}, 0);
     EXPECT_EQ(err.text(), "Unknown command 0x4e\n");
     EXPECT_TRUE(actuator.get_feedback().empty());
     EXPECT_EQ(callbacks, 0);
+}
+
+TEST_F(ReplyDispatcher, UnknownRecordLineLeavesStandardErrorInDecimal) {
+    StreamCapture err(std::cerr);
+    HostSetHex hex(std::cerr);
+    actuator.can_callback(0x21, Bytes{0x4E, 0, 0, 0, 0}, 0);
+    EXPECT_EQ(err.text(), "Unknown command 0x4e\n");
+    EXPECT_TRUE(in_decimal(std::cerr));
 }
 
 TEST_F(ReplyDispatcher, UnknownRecordCodeIsPrintedWithoutLeadingZeros) {

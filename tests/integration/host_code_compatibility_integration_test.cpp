@@ -1,8 +1,9 @@
 // Host code written against one actuator class compiles and runs against the
-// other wherever their operations overlap.
+// other wherever their operations overlap, and exactly which operations do not.
 #include <gtest/gtest.h>
 
 #include <type_traits>
+#include <utility>
 
 #include "ocp_api/orrery_actuator.hpp"
 #include "support/device_replies.hpp"
@@ -15,7 +16,9 @@ using namespace ocp_test;
 
 template <typename Actuator>
 struct Outcome {
+    bool pinged = false;
     bool connected = false;
+    bool can_high_speed = true;
     bool still_connected = false;
     int address = 0;
     std::string model;
@@ -32,10 +35,16 @@ Outcome<Actuator> drive_joint(Actuator& joint) {
     using P = typename Actuator::OCP_Parameters;
     Outcome<Actuator> outcome;
     outcome.connected = joint.connect(1.0f);
+    outcome.pinged = joint.send_ping(1.0f);
     joint.set_feedback_callback([](int, typename Actuator::FeedbackMap) {});
     joint.set_error_callback([](int, typename Actuator::ErrorMap) {});
+    joint.set_low_freq_feedback_callback([](typename Actuator::FeedbackMap) {});
+    joint.set_low_freq_feedback_items({Actuator::OCP_Items::POS_FB_41});
     joint.set_low_freq_feedback_rate(Actuator::Rates::RATE_10HZ);
+    joint.set_low_freq_feedback_rate(10);
     joint.start();
+    joint.change_mode(Actuator::Mode::SPEED);
+    joint.change_setpoint(0.25f);
     joint.change_mode(Actuator::Mode::POSITION);
     joint.change_position_setpoint(1.0f);
     joint.change_speed_setpoint(2.0f, 0.5f);
@@ -56,6 +65,7 @@ Outcome<Actuator> drive_joint(Actuator& joint) {
     outcome.firmware = joint.get_firmware_version();
     outcome.still_connected = joint.is_connected();
     outcome.mode = joint.get_mode();
+    outcome.can_high_speed = joint.get_can_high_speed();
     joint.stop();
     joint.disconnect();
     return outcome;
@@ -75,8 +85,10 @@ TEST(HostCodeCompatibilityIntegration, PhysicalActuatorOverARecordingTransport) 
     });
     OrreryActuator joint(transport, 0x21);
     const auto outcome = drive_joint(joint);
+    EXPECT_TRUE(outcome.pinged);
     EXPECT_TRUE(outcome.connected);
     EXPECT_TRUE(outcome.still_connected);
+    EXPECT_FALSE(outcome.can_high_speed);
     EXPECT_EQ(outcome.address, 0x21);
     EXPECT_EQ(outcome.model, "HERON_A");
     EXPECT_EQ(outcome.firmware, "1.1.2");
@@ -91,8 +103,10 @@ TEST(HostCodeCompatibilityIntegration, PhysicalActuatorOverARecordingTransport) 
 TEST(HostCodeCompatibilityIntegration, SimulatedActuator) {
     OrreryActuatorVirtual joint(0x21);
     const auto outcome = drive_joint(joint);
+    EXPECT_TRUE(outcome.pinged);
     EXPECT_TRUE(outcome.connected);
     EXPECT_TRUE(outcome.still_connected);
+    EXPECT_FALSE(outcome.can_high_speed);
     EXPECT_EQ(outcome.address, 0x21);
     EXPECT_EQ(outcome.model, "virtual");
     EXPECT_EQ(outcome.firmware, "cpp-virtual-2.0.0");
@@ -103,6 +117,63 @@ TEST(HostCodeCompatibilityIntegration, SimulatedActuator) {
     EXPECT_EQ(outcome.feedback_items, 3u);
     EXPECT_FALSE(joint.is_connected());
     EXPECT_FALSE(joint.is_running());
+}
+
+// What does not overlap: the same operations spelled differently.
+template <class Actuator, class = void>
+struct HasSetFeedbackItems : std::false_type {};
+template <class Actuator>
+struct HasSetFeedbackItems<Actuator, std::void_t<decltype(std::declval<Actuator&>().setFeedbackItems({}))>>
+    : std::true_type {};
+template <class Actuator, class = void>
+struct HasSetFeedbackItemsLower : std::false_type {};
+template <class Actuator>
+struct HasSetFeedbackItemsLower<Actuator, std::void_t<decltype(std::declval<Actuator&>().set_feedback_items({}))>>
+    : std::true_type {};
+template <class Actuator, class = void>
+struct HasSetFeedbackRate : std::false_type {};
+template <class Actuator>
+struct HasSetFeedbackRate<Actuator, std::void_t<decltype(std::declval<Actuator&>().setFeedbackRate(1))>>
+    : std::true_type {};
+template <class Actuator, class = void>
+struct HasSetFeedbackRateLower : std::false_type {};
+template <class Actuator>
+struct HasSetFeedbackRateLower<Actuator, std::void_t<decltype(std::declval<Actuator&>().set_feedback_rate(1))>>
+    : std::true_type {};
+template <class Actuator, class = void>
+struct HasGetItemsBlocking : std::false_type {};
+template <class Actuator>
+struct HasGetItemsBlocking<Actuator, std::void_t<decltype(std::declval<Actuator&>().getItemsBlocking({}))>>
+    : std::true_type {};
+template <class Actuator, class = void>
+struct HasGetItemsBlockingLower : std::false_type {};
+template <class Actuator>
+struct HasGetItemsBlockingLower<Actuator, std::void_t<decltype(std::declval<Actuator&>().get_items_blocking({}))>>
+    : std::true_type {};
+template <class Actuator, class = void>
+struct HasChangeAddress : std::false_type {};
+template <class Actuator>
+struct HasChangeAddress<Actuator, std::void_t<decltype(std::declval<Actuator&>().changeAddress(0x22))>>
+    : std::true_type {};
+template <class Actuator, class = void>
+struct HasChangeAddressLower : std::false_type {};
+template <class Actuator>
+struct HasChangeAddressLower<Actuator, std::void_t<decltype(std::declval<Actuator&>().change_address(0x22))>>
+    : std::true_type {};
+
+TEST(HostCodeCompatibilityIntegration, FeedbackSelectionItemRequestsAndAddressChangesAreSpelledDifferently) {
+    static_assert(HasSetFeedbackItems<OrreryActuator>::value && !HasSetFeedbackItemsLower<OrreryActuator>::value);
+    static_assert(!HasSetFeedbackItems<OrreryActuatorVirtual>::value &&
+                  HasSetFeedbackItemsLower<OrreryActuatorVirtual>::value);
+    static_assert(HasSetFeedbackRate<OrreryActuator>::value && !HasSetFeedbackRateLower<OrreryActuator>::value);
+    static_assert(!HasSetFeedbackRate<OrreryActuatorVirtual>::value &&
+                  HasSetFeedbackRateLower<OrreryActuatorVirtual>::value);
+    static_assert(HasGetItemsBlocking<OrreryActuator>::value && !HasGetItemsBlockingLower<OrreryActuator>::value);
+    static_assert(!HasGetItemsBlocking<OrreryActuatorVirtual>::value &&
+                  HasGetItemsBlockingLower<OrreryActuatorVirtual>::value);
+    static_assert(HasChangeAddress<OrreryActuator>::value && !HasChangeAddressLower<OrreryActuator>::value);
+    static_assert(!HasChangeAddress<OrreryActuatorVirtual>::value && HasChangeAddressLower<OrreryActuatorVirtual>::value);
+    SUCCEED() << "checked at compile time";
 }
 
 // Host code may overload on the enumerations of the two classes: each class

@@ -88,6 +88,15 @@ TEST(ItemEncoding, DeviceSideEncodingIsTheInverseOfDecoding) {
     EXPECT_EQ(encode_item_value(0x4A, -1e20f), 0x80000000u);
 }
 
+TEST(ParameterEncoding, ModeBetweenMinusOneAndZeroIsPositiveZero) {
+    for (const float received : {-0.5f, -0.0f, -0.999f}) {
+        const float stored = decode_parameter_value(0x30, bits_from_float(received));
+        EXPECT_EQ(bits_from_float(stored), 0x00000000u) << received;
+    }
+    EXPECT_EQ(decode_parameter_value(0x30, bits_from_float(-1.5f)), -1.0f);
+    EXPECT_TRUE(std::isnan(decode_parameter_value(0x30, bits_from_float(std::nanf("")))));
+}
+
 TEST(ParameterEncoding, ModeTruncatesAndIntegerParametersReadIntegers) {
     EXPECT_EQ(decode_parameter_value(0x30, bits_from_float(6.7f)), 6.0f);
     EXPECT_EQ(decode_parameter_value(0x30, bits_from_float(7.9f)), 7.0f);

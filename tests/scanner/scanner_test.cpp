@@ -110,6 +110,16 @@ TEST_F(Scanner, SingleAddressRegistersPingsAndRemovesOnce) {
     EXPECT_EQ(transport.frames(), (std::vector<Bytes>{{0x40}}));
 }
 
+TEST_F(Scanner, DeviceFoundLineLeavesStandardOutputInDecimal) {
+    FakeBus bus(transport, {{0, ADAPTER}, {0x21, {3, 0x0842}}});
+    OrreryActuatorScanner scanner(transport);
+    StreamCapture out(std::cout);
+    HostSetHex hex(std::cout);
+    EXPECT_EQ(scanner.scan(0x21, 0x21), (std::vector<int>{0x21}));
+    EXPECT_EQ(out.text(), "Device found: address 0x21 (33)\tmodel HERON_A\tfirmware 1.1.2\n");
+    EXPECT_TRUE(in_decimal(std::cout));
+}
+
 TEST_F(Scanner, FindsTheDevicesThatAnswerAndPrintsOneLineEach) {
     FakeBus bus(transport, {{0, ADAPTER}, {0x21, {3, 0x0842}}, {0x23, {99, 0x0001}}});
     OrreryActuatorScanner scanner(transport);

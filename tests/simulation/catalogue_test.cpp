@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "ocp_api/orrery_actuator_virtual.hpp"
+#include "support/failing_allocation.hpp"
 
 namespace {
 
@@ -36,6 +37,20 @@ TEST_F(ModelCatalogue, EmptyPathAndMissingDirectoryGiveNothing) {
     EXPECT_TRUE(OrreryActuatorVirtual::discover_available_actuators((root / "absent").string()).empty());
     touch("plain_file");
     EXPECT_TRUE(OrreryActuatorVirtual::discover_available_actuators((root / "plain_file").string()).empty());
+}
+
+TEST_F(ModelCatalogue, AnyExceptionWhileScanningEndsTheScanQuietly) {
+    touch("bindings_HERON_A_Intel_x.py");
+    fs::create_directories(root / "KESTREL_B");
+    const std::string directory = root.string();
+    Names found{"untouched"};
+    {
+        // Memory runs short: the scan cannot even open the directory.
+        ocp_test::FailingAllocation short_of_memory;
+        EXPECT_NO_THROW(found = OrreryActuatorVirtual::discover_available_actuators(directory));
+    }
+    EXPECT_TRUE(found.empty());
+    EXPECT_EQ(discover(), (Names{"HERON_A", "KESTREL_B"}));
 }
 
 TEST_F(ModelCatalogue, BindingsFilesAndSubdirectoriesInOrder) {

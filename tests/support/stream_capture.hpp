@@ -23,4 +23,22 @@ private:
     std::streambuf* saved_;
 };
 
+// Puts a stream in hexadecimal, as a host might have done, and restores the
+// stream's format flags when it dies.
+class HostSetHex {
+public:
+    explicit HostSetHex(std::ostream& stream) : stream_(stream), saved_(stream.flags()) { stream_ << std::hex; }
+    ~HostSetHex() { stream_.flags(saved_); }
+    HostSetHex(const HostSetHex&) = delete;
+    HostSetHex& operator=(const HostSetHex&) = delete;
+
+private:
+    std::ostream& stream_;
+    std::ios_base::fmtflags saved_;
+};
+
+inline bool in_decimal(const std::ostream& stream) {
+    return (stream.flags() & std::ios_base::basefield) == std::ios_base::dec;
+}
+
 }  // namespace ocp_test

@@ -31,6 +31,7 @@
 #include "support/eventually.hpp"
 #include "support/stream_capture.hpp"
 #include "vm/guest.hpp"
+#include "vm/slow_to_answer.hpp"
 
 namespace {
 
@@ -38,8 +39,8 @@ using namespace ocp_api;
 using namespace std::chrono_literals;
 using ocp_test::eventually;
 using ocp_test::StreamCapture;
-using Items = OCP_Items;
-using P = OCP_Parameters;
+using Items = OrreryActuator::OCP_Items;
+using P = OrreryActuator::OCP_Parameters;
 
 constexpr int kDevice = 0x21;
 
@@ -62,25 +63,6 @@ std::unique_ptr<CanDeviceHost> device_host_on(const std::string& interface, bool
     options.isotp.fd = fd;
     return std::make_unique<CanDeviceHost>(device_link_on(interface, fd), options);
 }
-
-// A device side that takes a moment to answer, as real firmware does. The
-// scanner starts its answer period after its ping is sent, so an answer that
-// is handled before then (an emulated device on the same machine, scheduled
-// at once) would not count.
-class SlowToAnswer final : public CanLink {
-public:
-    explicit SlowToAnswer(std::unique_ptr<CanLink> link) : link_(std::move(link)) {}
-    bool fd() const override { return link_->fd(); }
-    SendResult send_frame(const CanFrame& frame) override {
-        std::this_thread::sleep_for(std::chrono::microseconds(500));
-        return link_->send_frame(frame);
-    }
-    CanLinkEvent receive(std::chrono::nanoseconds timeout) override { return link_->receive(timeout); }
-    void wake() override { link_->wake(); }
-
-private:
-    std::unique_ptr<CanLink> link_;
-};
 
 std::vector<uint8_t> pattern(std::size_t size, unsigned seed) {
     std::vector<uint8_t> bytes(size);
@@ -193,7 +175,7 @@ TEST_P(SocketCanIntegration, ConnectAndScanFindExactlyTheEmulatedDevices) {
     CanDeviceHostOptions device_options;
     device_options.isotp.fd = GetParam().fd;
     auto devices = std::make_unique<CanDeviceHost>(
-        std::make_unique<SlowToAnswer>(device_link_on(GetParam().interface(), GetParam().fd)), device_options);
+        std::make_unique<ocp_vm::SlowToAnswer>(device_link_on(GetParam().interface(), GetParam().fd)), device_options);
     devices->add_actuator(0x21, 3, 0x0842);
     devices->add_actuator(0x23, 6, 0x0843);
     auto bus = open_bus_here();
