@@ -217,18 +217,77 @@ TEST(Ocpctl, SimulateWritesTheSimulatedActuatorsOwnSteps) {
     fs::remove(out);
 }
 
-TEST(Ocpctl, SimulatePlotIsAPng) {
+// Width and height from a PNG's header chunk.
+std::pair<uint32_t, uint32_t> png_size(const fs::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    unsigned char header[24] = {};
+    file.read(reinterpret_cast<char*>(header), sizeof header);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(header), 8), std::string("\x89PNG\r\n\x1a\n", 8));
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(header) + 12, 4), "IHDR");
+    const auto word = [&](int at) {
+        return (uint32_t{header[at]} << 24) | (uint32_t{header[at + 1]} << 16) | (uint32_t{header[at + 2]} << 8) |
+               uint32_t{header[at + 3]};
+    };
+    return {word(16), word(20)};
+}
+
+std::string read_text(const fs::path& path) {
+    std::ifstream file(path);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+}
+
+std::size_t count_of(const std::string& text, const std::string& what) {
+    std::size_t count = 0;
+    for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++count;
+    return count;
+}
+
+// The three panels of a gnuplot multiplot in SVG: one group per series,
+// named gnuplot_plot_<series><panel letter>.
+void expect_three_panels_with_setpoint(const std::string& svg) {
+    EXPECT_NE(svg.find("width=\"1000\" height=\"800\""), std::string::npos);
+    EXPECT_EQ(count_of(svg, "<g id=\"gnuplot_plot_1a\""), 1u);
+    EXPECT_EQ(count_of(svg, "<g id=\"gnuplot_plot_1b\""), 1u);
+    EXPECT_EQ(count_of(svg, "<g id=\"gnuplot_plot_1c\""), 1u);
+    EXPECT_EQ(count_of(svg, "<g id=\"gnuplot_plot_1d\""), 0u);
+    for (const char* label : {">position</tspan></text>", ">speed</tspan></text>", ">torque</tspan></text>"})
+        EXPECT_EQ(count_of(svg, label), 1u) << "axis label " << label;
+    EXPECT_EQ(count_of(svg, "<text>setpoint</text>"), 1u) << "the setpoint's legend";
+}
+
+TEST(Ocpctl, SimulatePlotIsAPngOfFixedSize) {
     const fs::path png = scratch_path("plot.png");
     const auto result = ocpctl({"simulate", "--mode", "speed", "--setpoint", "2", "--load", "0.5", "--plot", png.string()});
     ASSERT_EQ(result.exit_status, 0) << result.err;
     EXPECT_EQ(result.err, "ocpctl: plot written to " + png.string() + "\n");
-    std::ifstream file(png, std::ios::binary);
-    char signature[8] = {};
-    file.read(signature, 8);
-    EXPECT_EQ(std::string(signature, 8), std::string("\x89PNG\r\n\x1a\n", 8));
-    EXPECT_GT(fs::file_size(png), 1000u);
+    EXPECT_EQ(png_size(png), std::make_pair(1000u, 800u));
+    EXPECT_GT(fs::file_size(png), 10000u);
     EXPECT_EQ(result.out, "") << "with --plot and no --out nothing goes to stdout";
     fs::remove(png);
+}
+
+TEST(Ocpctl, SimulatePlotAsSvgHasAPanelPerQuantityAndTheSetpoint) {
+    const fs::path svg_path = scratch_path("plot.SVG");
+    const auto result = ocpctl({"simulate", "--mode", "impedance", "--setpoint", "0.5", "--stiffness", "40", "--damping",
+                                "3", "--load", "0.25", "--plot", svg_path.string()});
+    ASSERT_EQ(result.exit_status, 0) << result.err;
+    const std::string svg = read_text(svg_path);
+    expect_three_panels_with_setpoint(svg);
+    EXPECT_NE(svg.find("<text>simulated IMPEDANCE setpoint 0.5, stiffness 40, damping 3, load 0.25</text>"), std::string::npos);
+    EXPECT_NE(svg.find("<text>position (POS_FB_4C)</text>"), std::string::npos);
+    EXPECT_NE(svg.find(">simulated time (s)</tspan></text>"), std::string::npos);
+    fs::remove(svg_path);
+}
+
+TEST(Ocpctl, PlotIntoAnUnwritablePlaceIsOneLineAndNoImageOnStdout) {
+    // A directory named like a picture cannot be written, even by root.
+    const fs::path directory = scratch_path("plot.png");
+    fs::create_directory(directory);
+    const auto result = ocpctl({"simulate", "--mode", "speed", "--setpoint", "1", "--plot", directory.string()});
+    fs::remove_all(directory);
+    EXPECT_EQ(result.exit_status, 2);
+    EXPECT_EQ(result.err, "ocpctl: cannot write plot " + directory.string() + ": Is a directory\n");
+    EXPECT_EQ(result.out, "");
 }
 
 struct BadInput {
@@ -257,6 +316,20 @@ TEST(Ocpctl, BadInputIsRejectedWithStatusTwo) {
         {{"bootloader", "0x21"}, "ocpctl: bootloader needs --yes: the device leaves normal operation until it is power-cycled\n"},
         {{"--bus", "socketcan:can0", "scan"}, "ocpctl: unknown bus 'socketcan:can0' (known: sim or sim:ADDR,ADDR,..."},
         {{"address", "0x21", "0x21"}, "ocpctl: the device already has address 0x21\n"},
+        {{"move", "0x21", "--mode", "speed", "--setpoint", "nan"}, "ocpctl: invalid setpoint 'nan' (expected a finite number)\n"},
+        {{"move", "0x21", "--mode", "impedance", "--setpoint", "1", "--stiffness", "-inf"},
+         "ocpctl: invalid stiffness '-inf' (expected a finite number)\n"},
+        {{"simulate", "--mode", "torque", "--setpoint", "1", "--load", "infinity"},
+         "ocpctl: invalid load 'infinity' (expected a finite number)\n"},
+        {{"params", "set", "0x21", "LIMIT_TORQUE=NaN"}, "ocpctl: invalid LIMIT_TORQUE value 'NaN' (expected a finite number)\n"},
+        {{"sacn"}, "ocpctl: unknown command 'sacn'; did you mean 'scan'? (see ocpctl --help)\n"},
+        {{"--bus", "sim", "strem", "0x21"}, "ocpctl: unknown command 'strem'; did you mean 'stream'? (see ocpctl --help)\n"},
+        {{"params", "gte", "0x21"}, "ocpctl: unknown params command 'gte'; did you mean 'get'? (see ocpctl --help)\n"},
+        {{"list", "parms"}, "ocpctl: unknown list command 'parms'; did you mean 'params'? (see ocpctl --help)\n"},
+        {{"simulate", "--mode", "speed", "--setpoint", "1", "--plot", "speed.jpg"},
+         "ocpctl: cannot draw 'speed.jpg': the plot format comes from the file name, .png or .svg\n"},
+        {{"simulate", "--mode", "speed", "--setpoint", "1", "--plot", "/nonexistent-dir/speed.png"},
+         "ocpctl: cannot write plot /nonexistent-dir/speed.png: No such file or directory\n"},
     };
     for (const auto& bad : cases) {
         const auto result = ocpctl(bad.args);
@@ -265,6 +338,82 @@ TEST(Ocpctl, BadInputIsRejectedWithStatusTwo) {
         EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << "one line: " << result.err;
         EXPECT_EQ(result.out, "");
     }
+}
+
+TEST(Ocpctl, AHugeArgumentIsCutInTheErrorLine) {
+    const std::string huge(100000, 'x');
+    for (const auto& args : {std::vector<std::string>{"info", huge}, std::vector<std::string>{huge},
+                             std::vector<std::string>{"stream", "0x21", "--items", "POS_FB_4C," + huge},
+                             std::vector<std::string>{"params", "set", "0x21", "LIMIT_TORQUE=" + huge}}) {
+        const auto result = ocpctl(args);
+        EXPECT_EQ(result.exit_status, 2);
+        EXPECT_LT(result.err.size(), 1200u) << result.err.substr(0, 200);
+        EXPECT_NE(result.err.find(std::string(60, 'x') + "... (100000 characters)"), std::string::npos)
+            << result.err.substr(0, 300);
+        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1);
+    }
+}
+
+TEST(Ocpctl, StreamIntoAPipeThatClosesStopsQuietly) {
+    // As `ocpctl stream ... | head -2`: rows arrive one by one while the
+    // stream runs (it has no end of its own), and closing the pipe ends it.
+    ocp_test::ProcessEvents events;
+    events.close_stdout_after_lines = 2;
+    const auto result = run_process({OCPCTL_PATH, "stream", "0x21", "--items", "POS_FB_4C", "--rate", "100"}, events);
+    EXPECT_EQ(result.exit_status, 141);
+    EXPECT_EQ(result.err, "") << "quietly";
+    EXPECT_EQ(result.out.rfind("time_s,POS_FB_4C\n", 0), 0u) << result.out;
+    EXPECT_GE(result.exit_delay.count(), 0);
+    EXPECT_LT(result.exit_delay.count(), 1000) << "ms from the closed pipe to the exit";
+    std::printf("stream exited %lld ms after its reader closed the pipe\n",
+                static_cast<long long>(result.exit_delay.count()));
+}
+
+TEST(Ocpctl, CtrlCEndsTheWaitForASilentDevice) {
+    ocp_test::ProcessEvents events;
+    events.signal_when_caught = SIGINT;
+    const auto result = run_process(
+        {OCPCTL_PATH, "--timeout", "60", "move", "0x30", "--mode", "speed", "--setpoint", "1"}, events);
+    EXPECT_EQ(result.exit_status, 128 + SIGINT);
+    EXPECT_EQ(result.err, "ocpctl: interrupted while waiting for 0x30\n");
+    EXPECT_EQ(result.out, "");
+    EXPECT_GE(result.exit_delay.count(), 0);
+    // The wait is sliced into 50 ms pings; allow for a loaded machine.
+    EXPECT_LT(result.exit_delay.count(), 500) << "ms from SIGINT to the exit";
+    std::printf("exited %lld ms after SIGINT\n", static_cast<long long>(result.exit_delay.count()));
+}
+
+TEST(Ocpctl, ListItemsAndParameters) {
+    const auto items = ocpctl({"list", "items"});
+    ASSERT_EQ(items.exit_status, 0) << items.err;
+    const auto item_lines = lines_of(items.out);
+    ASSERT_EQ(item_lines.size(), 1u + 48u);
+    EXPECT_EQ(item_lines[0], "CODE   NAME                 TYPE  MEANING");
+    EXPECT_EQ(item_lines[1], "0x41   POS_FB_41            f32   position feedback");
+    EXPECT_EQ(item_lines[2], "0x42   ITEM_42              u32   unsigned integer quantity");
+    EXPECT_EQ(item_lines[10], "0x4a   ITEM_4A              i32   signed integer quantity");
+    EXPECT_EQ(item_lines[48], "0x9a   ITEM_9A              f32   quantity not named");
+    EXPECT_NE(items.out.find("0x90   ERRORS_90            u32   error state word"), std::string::npos);
+
+    const auto parameters = ocpctl({"list", "params"});
+    ASSERT_EQ(parameters.exit_status, 0) << parameters.err;
+    const auto parameter_lines = lines_of(parameters.out);
+    ASSERT_EQ(parameter_lines.size(), 1u + 31u);
+    EXPECT_EQ(parameter_lines[1], "0x01   K_DAMP               f32   impedance damping gain");
+    EXPECT_EQ(parameter_lines[16].rfind("0x30   MODE                 mode  current control mode", 0), 0u);
+    EXPECT_EQ(parameter_lines[26], "0x80   DEVICE_80            u32   integer device setting");
+    EXPECT_EQ(parameter_lines[31], "0x85   CAN_HIGH_SPEED       f32   CAN high-speed flag (1 on, 0 off)");
+    for (const auto& line : parameter_lines) EXPECT_EQ(line.find("  \n"), std::string::npos);
+}
+
+TEST(Ocpctl, CodesAreAcceptedWhereNamesAre) {
+    const auto stream = ocpctl({"stream", "0x21", "--items", "0x4c,vbus_70", "--rate", "50", "--duration", "0.1"});
+    ASSERT_EQ(stream.exit_status, 0) << stream.err;
+    EXPECT_EQ(lines_of(stream.out).at(0), "time_s,POS_FB_4C,VBUS_70");
+    const auto get = ocpctl({"params", "get", "0x21", "0x04"});
+    ASSERT_EQ(get.exit_status, 0) << get.err;
+    EXPECT_EQ(get.out, "LIMIT_TORQUE           10\n");
+    EXPECT_EQ(ocpctl({"stream", "0x21", "--items", "0x4e"}).exit_status, 2) << "0x4e is no item";
 }
 
 TEST(Ocpctl, ASilentDeviceIsNamedWithTheTimeWaited) {

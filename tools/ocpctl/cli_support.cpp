@@ -3,7 +3,8 @@
 #include <csignal>
 #include <cmath>
 #include <cstdio>
-#include <iomanip>
+#include <algorithm>
+#include <cstdlib>
 #include <sstream>
 #include <thread>
 
@@ -60,17 +61,21 @@ std::string hex(int address) {
 int parse_address(const std::string& text) {
     long long value = 0;
     if (!parse_integer(text, value))
-        throw UsageError("invalid address '" + text + "' (expected a number such as 0x21 or 33, in 0x10..0x3FFE)");
+        throw UsageError("invalid address '" + shorten(text) + "' (expected a number such as 0x21 or 33, in 0x10..0x3FFE)");
     if (value < ocp_api::wire::MIN_DEVICE_ADDRESS || value > ocp_api::wire::MAX_DEVICE_ADDRESS)
-        throw UsageError("address " + text + " is outside 0x10..0x3FFE");
+        throw UsageError("address " + shorten(text) + " is outside 0x10..0x3FFE");
     return static_cast<int>(value);
 }
 
 std::vector<ocp_api::OCP_Items> parse_items(const std::vector<std::string>& names) {
     std::vector<ocp_api::OCP_Items> items;
     for (const auto& name : names) {
-        const auto item = ocp_api::item_from_name(name);
-        if (!item) throw UsageError("unknown feedback item '" + name + "' (expected one of " + join_item_names() + ")");
+        auto item = ocp_api::item_from_name(name);
+        long long code = 0;
+        if (!item && parse_integer(name, code) && code >= 0 && code <= 0xFF &&
+            ocp_api::wire::is_item_code(static_cast<uint8_t>(code)))
+            item = static_cast<ocp_api::OCP_Items>(code);
+        if (!item) throw UsageError("unknown feedback item '" + shorten(name) + "' (expected one of " + join_item_names() + ", or its code such as 0x4c)");
         items.push_back(*item);
     }
     if (items.empty()) throw UsageError("no feedback items given (expected one or more of " + join_item_names() + ")");
@@ -85,13 +90,13 @@ ocp_api::OCP_Parameters parse_parameter(const std::string& name_or_code) {
             if (static_cast<long long>(parameter) == code) return parameter;
         }
     }
-    throw UsageError("unknown parameter '" + name_or_code + "' (expected one of " + join_parameter_names() +
+    throw UsageError("unknown parameter '" + shorten(name_or_code) + "' (expected one of " + join_parameter_names() +
                      ", or its code such as 0x04)");
 }
 
 ocp_api::Mode parse_mode(const std::string& name) {
     if (const auto mode = ocp_api::mode_from_name(name)) return *mode;
-    throw UsageError("unknown mode '" + name + "' (expected torque, speed, position or impedance)");
+    throw UsageError("unknown mode '" + shorten(name) + "' (expected torque, speed, position or impedance)");
 }
 
 MotionCommand parse_motion(const std::string& mode_text, const std::string& setpoint, const std::string& stiffness,
@@ -99,9 +104,16 @@ MotionCommand parse_motion(const std::string& mode_text, const std::string& setp
     const ocp_api::Mode mode = parse_mode(mode_text);
     const float target = parse_float(setpoint, "setpoint");
     if ((!stiffness.empty() || !damping.empty()) && mode != ocp_api::Mode::IMPEDANCE)
-        throw UsageError("--stiffness and --damping apply to --mode impedance only, not " + mode_text);
+        throw UsageError("--stiffness and --damping apply to --mode impedance only, not " + shorten(mode_text));
     return {mode, target, stiffness.empty() ? NAN : parse_float(stiffness, "stiffness"),
             damping.empty() ? NAN : parse_float(damping, "damping")};
+}
+
+std::string motion_title(const MotionCommand& command) {
+    std::string title = std::string(ocp_api::mode_name(command.mode)) + " setpoint " + format_value(command.setpoint);
+    if (!std::isnan(command.stiffness)) title += ", stiffness " + format_value(command.stiffness);
+    if (!std::isnan(command.damping)) title += ", damping " + format_value(command.damping);
+    return title;
 }
 
 int parse_rate(double hz) {
@@ -126,20 +138,33 @@ float parse_float(const std::string& text, const std::string& what) {
     } catch (const std::exception&) {
         used = 0;
     }
-    if (used == 0 || used != text.size()) throw UsageError("invalid " + what + " '" + text + "' (expected a number)");
+    if (used == 0 || used != text.size())
+        throw UsageError("invalid " + what + " '" + shorten(text) + "' (expected a number)");
+    // A NaN or infinite setpoint or limit would reach the device as is.
+    if (!std::isfinite(value))
+        throw UsageError("invalid " + what + " '" + shorten(text) + "' (expected a finite number)");
     return value;
 }
 
 std::string format_value(float value) {
-    std::ostringstream text;
-    text << std::setprecision(7) << value;
-    return text.str();
+    if (std::isnan(value)) return "nan";
+    char text[48];
+    if (value == std::trunc(value) && std::fabs(value) < 1e10f) {
+        std::snprintf(text, sizeof text, "%.0f", static_cast<double>(value));
+        return text;
+    }
+    for (int digits = 6; digits <= 9; ++digits) {
+        std::snprintf(text, sizeof text, "%.*g", digits, static_cast<double>(value));
+        if (std::strtof(text, nullptr) == value) break;
+    }
+    return text;
 }
 
-std::string format_exact(float value) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.9g", static_cast<double>(value));
-    return text;
+std::string shorten(const std::string& text) {
+    constexpr std::size_t LONGEST = 200;
+    constexpr std::size_t KEPT = 60;
+    if (text.size() <= LONGEST) return text;
+    return text.substr(0, KEPT) + "... (" + std::to_string(text.size()) + " characters)";
 }
 
 std::string format_seconds(double seconds) {
@@ -149,10 +174,20 @@ std::string format_seconds(double seconds) {
 }
 
 std::unique_ptr<ocp_api::OrreryActuator> connect_actuator(ocp_api::OCP& bus, int address, float timeout_s) {
+    // The library's wait sleeps through signals, so one long connect() would
+    // hold Ctrl-C for the whole time-out. Short attempts, each a fresh ping,
+    // let a signal end the wait between two of them.
+    constexpr float ATTEMPT_S = 0.05f;
     auto actuator = std::make_unique<ocp_api::OrreryActuator>(bus, address);
-    if (!actuator->connect(timeout_s))
-        throw DeviceError("no answer from " + hex(address) + " after " + format_seconds(timeout_s));
-    return actuator;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<float>(timeout_s);
+    for (;;) {
+        if (StopSignal::raised())
+            throw Interrupted("interrupted while waiting for " + hex(address), StopSignal::signal_number());
+        const float left = std::chrono::duration<float>(deadline - std::chrono::steady_clock::now()).count();
+        if (left <= 0.0f) break;
+        if (actuator->connect(std::min(ATTEMPT_S, left))) return actuator;
+    }
+    throw DeviceError("no answer from " + hex(address) + " after " + format_seconds(timeout_s));
 }
 
 StopSignal::StopSignal() {
@@ -169,9 +204,15 @@ StopSignal::~StopSignal() {
     sigaction(SIGTERM, &previous_term, nullptr);
 }
 
-bool StopSignal::raised() const { return raised_signal != 0; }
+bool StopSignal::raised() { return raised_signal != 0; }
 
-int StopSignal::exit_status() const { return raised_signal == 0 ? 0 : 128 + raised_signal; }
+int StopSignal::signal_number() { return raised_signal; }
+
+int StopSignal::exit_status() { return raised_signal == 0 ? 0 : 128 + raised_signal; }
+
+void StopSignal::note_output_closed() {
+    if (raised_signal == 0) raised_signal = SIGPIPE;
+}
 
 void StopSignal::sleep_for(std::chrono::milliseconds duration) const {
     const auto deadline = std::chrono::steady_clock::now() + duration;

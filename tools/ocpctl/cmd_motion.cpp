@@ -120,6 +120,7 @@ int run_stream(const StreamOptions& options, const GlobalOptions& global) {
         std::string header = "time_s";
         for (const auto item : items) header += "," + std::string(ocp_api::item_name(item));
         std::printf("%s\n", header.c_str());
+        if (std::fflush(stdout) != 0) StopSignal::note_output_closed();
     }
     start = Clock::now();
     // Runs on the bus's receive thread, one row per streamed reply.
@@ -129,18 +130,21 @@ int run_stream(const StreamOptions& options, const GlobalOptions& global) {
         std::string row;
         if (csv) {
             row = time;
-            for (const auto item : items) row += "," + format_exact(item_or_nan(feedback, item));
+            for (const auto item : items) row += "," + format_value(item_or_nan(feedback, item));
         } else {
             row = std::string("{\"time_s\":") + time;
             for (const auto item : items) {
                 const float value = item_or_nan(feedback, item);
                 row += ",\"" + std::string(ocp_api::item_name(item)) + "\":" +
-                       (std::isfinite(value) ? format_exact(value) : "null");
+                       (std::isfinite(value) ? format_value(value) : "null");
             }
             row += "}";
         }
         std::lock_guard<std::mutex> lock(output);
+        // A row at a time, so that a reader at the other end of a pipe sees
+        // each as it comes; a failed write means the reader has gone.
         std::printf("%s\n", row.c_str());
+        if (std::fflush(stdout) != 0) StopSignal::note_output_closed();
         rows.fetch_add(1);
     });
     actuator.setFeedbackItems(items);
@@ -151,6 +155,8 @@ int run_stream(const StreamOptions& options, const GlobalOptions& global) {
         stop_signal.sleep_for(std::chrono::milliseconds(seconds == 0.0 ? 200 : 20));
         if (progress) std::fprintf(stderr, "\r%ld rows, %.1f s ", rows.load(), seconds_since(start));
     }
+    // Whether the time is up, a signal came or the reader closed the pipe:
+    // streaming off first, then the session's STOP.
     actuator.setFeedbackRate(0);
     session.release_actuator();  // no callback runs after this
     if (progress) std::fprintf(stderr, "\n");
