@@ -29,7 +29,7 @@ test-normal: build
 
 test-asan: deps
 	@cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DOCP_API_WERROR=ON \
-	  -DOCP_API_BUILD_EXAMPLES=OFF -DOCP_API_PACKAGE_TEST=OFF \
+	  -DOCP_API_BUILD_EXAMPLES=OFF -DOCP_API_PACKAGE_TEST=OFF -DOCP_API_VM_TESTS=OFF \
 	  -DCMAKE_CXX_FLAGS="$(SANITIZE_FLAGS)" -DCMAKE_EXE_LINKER_FLAGS="$(SANITIZE_FLAGS)" >/dev/null
 	@cmake --build build-asan -j $(JOBS)
 	cd build-asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \

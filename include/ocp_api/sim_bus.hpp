@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "ocp_api/callback_registry.hpp"
+#include "ocp_api/emulated_actuator.hpp"
 #include "ocp_api/ocp.hpp"
-#include "ocp_api/orrery_actuator_virtual.hpp"
 
 namespace ocp_api {
 
@@ -38,58 +38,6 @@ struct SimBusCounters {
     uint64_t worker_wakes = 0;       // passes of the worker's loop, for tuning
 };
 
-class SimBus;
-namespace detail {
-class EmulatedDevice;
-}
-
-// The device behind one address of a SimBus. Every method is thread-safe.
-class EmulatedActuator {
-public:
-    // Access to the device's physics while holding the bus's lock: the worker
-    // does not step it meanwhile. Keep it short and do not call the bus from
-    // inside: bus.actuator(0x21).physics()->change_load(0.5f);
-    class PhysicsAccess {
-    public:
-        OrreryActuatorVirtual* operator->() const { return &physics_; }
-        OrreryActuatorVirtual& operator*() const { return physics_; }
-
-    private:
-        friend class EmulatedActuator;
-        PhysicsAccess(std::unique_lock<std::mutex> lock, OrreryActuatorVirtual& physics)
-            : lock_(std::move(lock)), physics_(physics) {}
-        std::unique_lock<std::mutex> lock_;
-        OrreryActuatorVirtual& physics_;
-    };
-
-    ~EmulatedActuator();
-    EmulatedActuator(const EmulatedActuator&) = delete;
-    EmulatedActuator& operator=(const EmulatedActuator&) = delete;
-
-    int address() const;
-    uint16_t model_code() const;
-    uint16_t firmware_word() const;
-    PhysicsAccess physics();
-    // Sends an ERROR_FLAGS record now and reports the word in item ERRORS_90
-    // until it is replaced (inject_errors(0) clears it) or the device restarts.
-    void inject_errors(uint32_t error_word);
-    // Restarts the device with its saved configuration: unsaved parameter and
-    // address changes are lost, the boot loader is left, streaming is off.
-    void power_cycle();
-    bool in_bootloader() const;
-    int blink_count() const;
-    // A silent device ignores every frame and sends nothing, as if unplugged.
-    void set_silent(bool silent);
-    bool is_silent() const;
-
-private:
-    friend class SimBus;
-    EmulatedActuator(SimBus& bus, std::unique_ptr<detail::EmulatedDevice> device);
-
-    SimBus& bus_;
-    const std::unique_ptr<detail::EmulatedDevice> device_;
-};
-
 // The bus and its worker thread. The worker advances every device's physics in
 // step with wall time times time_scale, sends streamed replies on time, and
 // delivers every reply to the callback registered for the replying address: it
@@ -99,7 +47,7 @@ private:
 //
 // As with any transport, destroy the actuators that use the bus before the bus,
 // and do not destroy the bus from inside one of its callbacks.
-class SimBus : public OCP {
+class SimBus : public OCP, private detail::EmulatedDeviceOwner {
 public:
     explicit SimBus(SimBusOptions options = {});
     ~SimBus() override;
@@ -126,12 +74,15 @@ public:
     void close() override;
 
 private:
-    friend class EmulatedActuator;
     struct Reply;
     struct Inbound;
     struct Pending;
 
     using Clock = std::chrono::steady_clock;
+
+    std::mutex& device_mutex() override { return mutex_; }
+    int64_t device_step() const override { return steps_done_; }
+    void emit_replies(detail::DeviceReplies& replies) override;
 
     void run();
     int64_t target_step(Clock::time_point now) const;

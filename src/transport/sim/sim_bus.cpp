@@ -68,60 +68,6 @@ struct SimBus::Pending {
     }
 };
 
-// --- EmulatedActuator: the thread-safe face of one device ------------------
-
-EmulatedActuator::EmulatedActuator(SimBus& bus, std::unique_ptr<detail::EmulatedDevice> device)
-    : bus_(bus), device_(std::move(device)) {}
-
-EmulatedActuator::~EmulatedActuator() = default;
-
-// A device's model code and firmware word never change: no lock needed.
-uint16_t EmulatedActuator::model_code() const { return device_->model_code(); }
-uint16_t EmulatedActuator::firmware_word() const { return device_->firmware_word(); }
-
-int EmulatedActuator::address() const {
-    std::lock_guard<std::mutex> lock(bus_.mutex_);
-    return device_->address();
-}
-
-EmulatedActuator::PhysicsAccess EmulatedActuator::physics() {
-    return PhysicsAccess(std::unique_lock<std::mutex>(bus_.mutex_), device_->physics());
-}
-
-void EmulatedActuator::inject_errors(uint32_t error_word) {
-    std::lock_guard<std::mutex> lock(bus_.mutex_);
-    detail::EmulatedDevice::Replies replies;
-    const auto now = SimBus::Clock::now();
-    device_->inject_errors(error_word, bus_.steps_done_, replies);
-    for (auto& reply : replies) bus_.queue_reply(reply.address, std::move(reply.bytes), reply.kind, now);
-    bus_.wake_.notify_all();
-}
-
-void EmulatedActuator::power_cycle() {
-    std::lock_guard<std::mutex> lock(bus_.mutex_);
-    device_->power_cycle();
-}
-
-bool EmulatedActuator::in_bootloader() const {
-    std::lock_guard<std::mutex> lock(bus_.mutex_);
-    return device_->in_bootloader();
-}
-
-int EmulatedActuator::blink_count() const {
-    std::lock_guard<std::mutex> lock(bus_.mutex_);
-    return device_->blink_count();
-}
-
-void EmulatedActuator::set_silent(bool silent) {
-    std::lock_guard<std::mutex> lock(bus_.mutex_);
-    device_->set_silent(silent);
-}
-
-bool EmulatedActuator::is_silent() const {
-    std::lock_guard<std::mutex> lock(bus_.mutex_);
-    return device_->is_silent();
-}
-
 // --- SimBus ------------------------------------------------------------------
 
 SimBus::SimBus(SimBusOptions options)
@@ -149,6 +95,12 @@ EmulatedActuator& SimBus::add_actuator(int address, uint16_t model_code, uint16_
     auto device = std::make_unique<detail::EmulatedDevice>(address, model_code, firmware_word, steps_done_);
     devices_.push_back(std::unique_ptr<EmulatedActuator>(new EmulatedActuator(*this, std::move(device))));
     return *devices_.back();
+}
+
+void SimBus::emit_replies(detail::DeviceReplies& replies) {
+    const auto now = Clock::now();
+    for (auto& reply : replies) queue_reply(reply.address, std::move(reply.bytes), reply.kind, now);
+    wake_.notify_all();
 }
 
 EmulatedActuator& SimBus::actuator(int address) {
