@@ -48,19 +48,15 @@ TEST(Ocpctl, HelpAndVersion) {
     EXPECT_EQ(version.out, std::string("ocpctl ") + ocp_api::VERSION_TEXT + "\n");
 }
 
-TEST(Ocpctl, ScanPrintsTheScannerLinesAndASummary) {
+TEST(Ocpctl, ScanPrintsEachDeviceOnce) {
     const auto result = ocpctl({"scan"});
     EXPECT_EQ(result.exit_status, 0);
     EXPECT_EQ(result.out,
-              "Device found: address 0x21 (33)\tmodel HERON_A\tfirmware 1.1.2\n"
-              "Device found: address 0x22 (34)\tmodel KESTREL_B\tfirmware 1.4.3\n"
-              "Device found: address 0x23 (35)\tmodel HERON_C\tfirmware 2.0.1\n"
-              "\n"
               "ADDRESS  MODEL       FIRMWARE\n"
               "0x21     HERON_A     1.1.2\n"
               "0x22     KESTREL_B   1.4.3\n"
               "0x23     HERON_C     2.0.1\n");
-    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(result.err, "") << "no progress when standard error is not a terminal";
 }
 
 TEST(Ocpctl, ScanJsonParsesBack) {
@@ -121,13 +117,119 @@ TEST(Ocpctl, ParamsGetAllAsJson) {
     EXPECT_EQ(parameters.begin().key(), "K_DAMP") << "in the device's table order";
 }
 
-TEST(Ocpctl, ParamsGetByNameOrCode) {
-    const auto result = ocpctl({"params", "get", "0x21", "limit_torque", "0x80", "Mode"});
+TEST(Ocpctl, ParamsGetByNameOrCodeWithMeanings) {
+    const auto result = ocpctl({"params", "get", "0x21", "limit_torque", "0x80", "Mode", "ADDRESS", "0x85", "k_damp"});
     ASSERT_EQ(result.exit_status, 0) << result.err;
     EXPECT_EQ(result.out,
               "LIMIT_TORQUE           10\n"
               "DEVICE_80              20000\n"
-              "MODE                   6\n");
+              "MODE                   6 (SPEED)\n"
+              "ADDRESS                0x21\n"
+              "CAN_HIGH_SPEED         0 (off)\n"
+              "K_DAMP                 0.1\n");
+}
+
+TEST(Ocpctl, InfoDecodesTheErrorWord) {
+    const auto result = ocpctl({"info", "0x21"});
+    ASSERT_EQ(result.exit_status, 0) << result.err;
+    EXPECT_NE(result.out.find("\nERRORS_90        0x00000000 (no error)\n"), std::string::npos) << result.out;
+}
+
+nlohmann::json read_json(const fs::path& path) {
+    std::ifstream file(path);
+    return nlohmann::json::parse(file);
+}
+
+TEST(Ocpctl, ParamsDumpListsAllWithNamesCodesAndValues) {
+    const auto result = ocpctl({"params", "dump", "0x21"});
+    ASSERT_EQ(result.exit_status, 0) << result.err;
+    const auto lines = lines_of(result.out);
+    ASSERT_EQ(lines.size(), 3u + 31u + 2u);
+    EXPECT_EQ(lines[0], "{");
+    EXPECT_EQ(lines[1], "  \"address\": \"0x21\",");
+    EXPECT_EQ(lines[3], "    {\"name\":\"K_DAMP\",\"code\":\"0x01\",\"value\":0.1},");
+    EXPECT_EQ(lines[18], "    {\"name\":\"MODE\",\"code\":\"0x30\",\"value\":6},");
+    EXPECT_EQ(lines[28], "    {\"name\":\"DEVICE_80\",\"code\":\"0x80\",\"value\":20000},");
+    EXPECT_EQ(lines[29], "    {\"name\":\"ADDRESS\",\"code\":\"0x81\",\"value\":33},");
+    const auto json = nlohmann::json::parse(result.out);
+    for (const auto& entry : json["parameters"]) {
+        const std::string name = entry["name"];
+        const bool integer = name == "MODE" || name == "ADDRESS" || name.rfind("DEVICE_", 0) == 0;
+        EXPECT_EQ(entry["value"].is_number_integer(), integer) << name;
+    }
+}
+
+TEST(Ocpctl, ParamsLoadWritesReadsBackAndRoundTrips) {
+    const fs::path first = scratch_path("first.json"), changed = scratch_path("changed.json"),
+                   after = scratch_path("after.json");
+    ASSERT_EQ(ocpctl({"params", "dump", "0x22", "--out", first.string()}).exit_status, 0);
+    auto document = read_json(first);
+    for (auto& entry : document["parameters"]) {
+        if (entry["name"] == "LIMIT_TORQUE") entry["value"] = 2.5;
+        if (entry["name"] == "K_STIFF") entry["value"] = 40.0;
+        if (entry["name"] == "MODE") entry["value"] = 8;
+        if (entry["name"] == "DEVICE_83") entry["value"] = 12;
+    }
+    std::ofstream(changed) << document.dump(2);
+    const auto load = ocpctl({"params", "load", "0x22", changed.string(), "--out", after.string()});
+    ASSERT_EQ(load.exit_status, 0) << load.err;
+    EXPECT_EQ(load.out, "0x22: 31 parameters loaded and read back equal (not saved: ocpctl save or --save keeps them)\n");
+    // What the device holds after the load is exactly the file loaded.
+    EXPECT_EQ(read_json(after), document);
+    EXPECT_NE(read_json(after), read_json(first));
+    // And loading the first dump over the changed device gives the first back.
+    const auto back = ocpctl({"params", "load", "0x22", first.string(), "--out", after.string(), "--save"});
+    ASSERT_EQ(back.exit_status, 0) << back.err;
+    EXPECT_EQ(back.out, "0x22: 31 parameters loaded and read back equal; configuration saved\n");
+    EXPECT_EQ(read_json(after), read_json(first));
+    fs::remove(first);
+    fs::remove(changed);
+    fs::remove(after);
+}
+
+TEST(Ocpctl, ParamsLoadPrintsWhatDiffersAndDoesNotSave) {
+    const fs::path file = scratch_path("mode.json");
+    std::ofstream(file) << R"({"parameters": {"MODE": 7.9, "LIMIT_TORQUE": 3}})";
+    const auto result = ocpctl({"params", "load", "0x21", file.string(), "--save"});
+    EXPECT_EQ(result.exit_status, 1);
+    EXPECT_EQ(result.out,
+              "MODE                   wrote 7.9, the device holds 7 (POSITION)\n"
+              "0x21: 1 of 2 parameters differ from the file; nothing saved\n");
+    fs::remove(file);
+}
+
+TEST(Ocpctl, ParamsLoadChecksTheWholeFileFirst) {
+    const fs::path file = scratch_path("bad.json");
+    const std::string name = file.string();
+    const std::pair<std::string, std::string> cases[] = {
+        {R"({"parameters": [{"name": "LIMIT_TORQUE", "value": 2}, {"name": "TORQUE_LIMIT", "value": 1}]})",
+         "ocpctl: unknown parameter 'TORQUE_LIMIT' (expected one of K_DAMP,"},
+        {R"({"parameters": [{"name": "LIMIT_TORQUE", "value": "high"}]})",
+         "ocpctl: " + name + ": entry 1: the value of LIMIT_TORQUE is not a number\n"},
+        {R"({"parameters": [{"code": "0x04", "value": 1e39}]})",
+         "ocpctl: " + name + ": entry 1: the value of LIMIT_TORQUE is out of range\n"},
+        {R"({"parameters": [{"name": "K_DAMP", "code": "0x02", "value": 1}]})",
+         "ocpctl: " + name + ": entry 1: name K_DAMP and code 0x02 differ\n"},
+        {R"({"parameters": {"K_DAMP": 1, "k_damp": 2}})", "ocpctl: " + name + " gives K_DAMP twice\n"},
+        {R"({"parameters": {"ADDRESS": 34}})",
+         "ocpctl: " + name + " is for the device at 0x22, not 0x21 (ocpctl address moves a device)\n"},
+        {R"({"values": {}})", "ocpctl: " + name + " has no \"parameters\" (write one with ocpctl params dump)\n"},
+        {R"({"parameters": [)", "ocpctl: " + name + " is not JSON: "},
+    };
+    for (const auto& [text, message] : cases) {
+        std::ofstream(file) << text;
+        // Status 2 and nothing on standard output: the file was refused
+        // before anything was sent.
+        const auto result = ocpctl({"params", "load", "0x21", name});
+        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(result.exit_status, 2) << text;
+        EXPECT_EQ(result.err.compare(0, message.size(), message), 0) << result.err;
+        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+    }
+    fs::remove(file);
+    const auto missing = ocpctl({"params", "load", "0x21", name});
+    EXPECT_EQ(missing.exit_status, 2);
+    EXPECT_EQ(missing.err, "ocpctl: cannot read " + name + ": No such file or directory\n");
 }
 
 TEST(Ocpctl, ParamsSetPrintsWhatTheDeviceHolds) {
@@ -136,7 +238,7 @@ TEST(Ocpctl, ParamsSetPrintsWhatTheDeviceHolds) {
     EXPECT_EQ(result.out,
               "LIMIT_TORQUE           2.5\n"
               "K_STIFF                4\n"
-              "MODE                   7\n"
+              "MODE                   7 (POSITION)\n"
               "DEVICE_83              12\n");
 }
 
@@ -162,6 +264,16 @@ TEST(Ocpctl, AddressChange) {
     const auto unsaved = ocpctl({"address", "0x22", "0x31"});
     EXPECT_EQ(unsaved.exit_status, 0) << unsaved.err;
     EXPECT_EQ(unsaved.out, "0x22 -> 0x31 (not saved: back at 0x22 after a power cycle)\n");
+}
+
+TEST(Ocpctl, AddressRefusesAnAddressInUseUnlessForced) {
+    const auto refused = ocpctl({"address", "0x21", "0x22"});
+    EXPECT_EQ(refused.exit_status, 2);
+    EXPECT_EQ(refused.err, "ocpctl: another device answers at 0x22; 0x21 stays where it is (--force moves it anyway)\n");
+    EXPECT_EQ(refused.out, "");
+    const auto forced = ocpctl({"address", "0x21", "0x22", "--force"});
+    EXPECT_EQ(forced.exit_status, 0) << forced.err;
+    EXPECT_EQ(forced.out, "0x21 -> 0x22 (not saved: back at 0x21 after a power cycle)\n");
 }
 
 TEST(Ocpctl, StreamCsvHeaderAndRowCount) {

@@ -97,6 +97,10 @@ void command_motion(Actuator& actuator, const MotionCommand& command) {
 // within a few tens of milliseconds (throwing Interrupted).
 std::unique_ptr<ocp_api::OrreryActuator> connect_actuator(ocp_api::OCP& bus, int address, float timeout_s);
 
+// True when a device answers a ping at `address`; the device is left as it
+// was (no STOP on the way out).
+bool answers_at(ocp_api::OCP& bus, int address, float timeout_s);
+
 // Ctrl-C and SIGTERM set a flag that long-running commands poll. A closed
 // output pipe is reported the same way (as SIGPIPE) by note_output_closed,
 // so a stream into `head` ends like one stopped by a signal, status 141.
