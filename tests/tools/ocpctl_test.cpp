@@ -559,14 +559,57 @@ TEST(Ocpctl, MoveRunsForItsTimeAndReports) {
     EXPECT_EQ(result.err.rfind("0x21: POSITION 1 for 0.5 s (Ctrl-C stops it)\n", 0), 0u) << result.err;
 }
 
-TEST(Ocpctl, WatchPrintsATablePerRefresh) {
-    const auto result = ocpctl({"watch", "0x21", "0x23", "--for", "0.3"});
+TEST(Ocpctl, WatchInAPipePrintsTimestampedRowsThatFitEightyColumns) {
+    const auto result = ocpctl({"--bus", "sim:0x21,0x23", "watch", "0x21", "0x30", "0x23", "--for", "0.6"});
     ASSERT_EQ(result.exit_status, 0) << result.err;
     const auto lines = lines_of(result.out);
-    ASSERT_GE(lines.size(), 4u);
-    EXPECT_EQ(lines[0].rfind("ADDRESS ", 0), 0u);
-    EXPECT_EQ(lines[1].rfind("0x21 ", 0), 0u);
-    EXPECT_EQ(lines[2].rfind("0x23 ", 0), 0u);
+    ASSERT_GE(lines.size(), 1u + 2u * 3u) << "a header and at least two refreshes";
+    EXPECT_EQ(lines[0], "  TIME_S ADDR     POS_FB_4C   SPD_FB_45     T_FB_56     VBUS_70   TEMP_WIND");
+    EXPECT_EQ((lines.size() - 1) % 3, 0u);
+    for (const auto& line : lines) EXPECT_LE(line.size(), 80u) << line;
+    for (std::size_t row = 1; row < lines.size(); row += 3) {
+        EXPECT_EQ(lines[row].substr(8), " 0x21             0           0           0          48          25");
+        EXPECT_EQ(lines[row + 1].substr(8), " 0x30     no answer");
+        EXPECT_EQ(lines[row + 2].substr(8), " 0x23             0           0           0          48          25");
+        EXPECT_EQ(lines[row].substr(0, 8), lines[row + 2].substr(0, 8)) << "one time stamp per refresh";
+    }
+    EXPECT_EQ(lines[1].substr(0, 8), "    0.25");
+    EXPECT_EQ(result.out.find("TIME_S", 10), std::string::npos) << "the header is printed once";
+}
+
+TEST(Ocpctl, MovePlotDrawsTheMoveItMade) {
+    const fs::path png = scratch_path("move.png");
+    const auto result = ocpctl({"move", "0x21", "--mode", "position", "--setpoint", "1", "--for", "0.5", "--plot",
+                                png.string()});
+    ASSERT_EQ(result.exit_status, 0) << result.err;
+    EXPECT_NE(result.err.find("ocpctl: plot written to " + png.string() + "\n"), std::string::npos);
+    EXPECT_EQ(png_size(png), std::make_pair(1000u, 800u));
+    EXPECT_EQ(result.out.rfind("0x21 position ", 0), 0u);
+    const fs::path svg = scratch_path("move.svg");
+    ASSERT_EQ(ocpctl({"move", "0x21", "--mode", "speed", "--setpoint", "2", "--for", "0.3", "--plot", svg.string()})
+                  .exit_status,
+              0);
+    const std::string text = read_text(svg);
+    expect_three_panels_with_setpoint(text);
+    EXPECT_NE(text.find("<text>0x21 SPEED setpoint 2</text>"), std::string::npos);
+    fs::remove(png);
+    fs::remove(svg);
+}
+
+TEST(Ocpctl, StreamPlotDrawsWhatWasStreamed) {
+    const fs::path svg = scratch_path("stream.svg");
+    const auto result = ocpctl({"stream", "0x22", "--items", "POS_FB_4C,SPD_FB_45,T_FB_56,REF_4B", "--rate", "100",
+                                "--duration", "0.3", "--plot", svg.string()});
+    ASSERT_EQ(result.exit_status, 0) << result.err;
+    EXPECT_EQ(result.err, "ocpctl: plot written to " + svg.string() + "\n");
+    EXPECT_EQ(lines_of(result.out).at(0), "time_s,POS_FB_4C,SPD_FB_45,T_FB_56,REF_4B") << "the rows still go out";
+    const std::string text = read_text(svg);
+    expect_three_panels_with_setpoint(text);
+    EXPECT_NE(text.find("<text>0x22 streamed at 100 Hz</text>"), std::string::npos);
+    fs::remove(svg);
+    const auto nothing_to_draw = ocpctl({"stream", "0x22", "--items", "VBUS_70", "--plot", svg.string()});
+    EXPECT_EQ(nothing_to_draw.exit_status, 2);
+    EXPECT_EQ(nothing_to_draw.err.rfind("ocpctl: --plot draws position, speed or torque: stream one of", 0), 0u);
 }
 
 TEST(Ocpctl, DemoRunsToTheEnd) {
