@@ -6,18 +6,22 @@ CMAKE_FLAGS ?=
 SANITIZE_FLAGS = -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer
 TSAN_FLAGS = -fsanitize=thread -fno-omit-frame-pointer
 
-.PHONY: all deps build demo test test-normal test-asan test-tsan bench install clean
+.PHONY: all deps configure build demo test test-normal test-asan test-tsan bench install clean
 
 all: build
 
 deps:
 	@scripts/install-deps.sh
 
-build: deps
+configure: deps
 	@cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOCP_API_WERROR=ON $(CMAKE_FLAGS) >/dev/null
+
+build: configure
 	@cmake --build build -j $(JOBS)
 
-demo: build
+# Only the library and the demo program: no test suite to compile first.
+demo: configure
+	@cmake --build build -j $(JOBS) --target sim_demo
 	./build/examples/sim_demo
 
 # The whole suite three ways: a normal build, AddressSanitizer with

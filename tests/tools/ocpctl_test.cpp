@@ -3,6 +3,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 
@@ -610,6 +611,48 @@ TEST(Ocpctl, StreamPlotDrawsWhatWasStreamed) {
     const auto nothing_to_draw = ocpctl({"stream", "0x22", "--items", "VBUS_70", "--plot", svg.string()});
     EXPECT_EQ(nothing_to_draw.exit_status, 2);
     EXPECT_EQ(nothing_to_draw.err.rfind("ocpctl: --plot draws position, speed or torque: stream one of", 0), 0u);
+}
+
+TEST(Ocpctl, ManualPageIsMadeFromTheHelp) {
+#ifdef OCPCTL_MAN_PATH
+    const std::string page = read_text(OCPCTL_MAN_PATH);
+    EXPECT_EQ(page.find(".TH OCPCTL \"1\""), page.find(".TH")) << page.substr(0, 300);
+    EXPECT_NE(page.find(".TH OCPCTL \"1\""), std::string::npos);
+    EXPECT_NE(page.find(std::string("ocpctl ") + ocp_api::VERSION_TEXT), std::string::npos);
+    for (const char* command : {"scan", "params", "move", "stream", "watch", "simulate", "list"})
+        EXPECT_NE(page.find(std::string("\n") + command), std::string::npos) << command;
+#else
+    GTEST_SKIP() << "help2man was not found at configure time";
+#endif
+}
+
+// What bash offers after the words typed so far (the last one is completed).
+std::vector<std::string> complete(const std::string& line) {
+    const std::string directory = fs::path(OCPCTL_PATH).parent_path().string();
+    const std::string script = "PATH='" + directory + "':$PATH; source '" OCPCTL_COMPLETION_PATH "'; " +
+                               "COMP_LINE='" + line + "'; read -ra COMP_WORDS <<< \"$COMP_LINE\"; " +
+                               "[[ $COMP_LINE == *' ' ]] && COMP_WORDS+=(''); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); " +
+                               "_ocpctl; printf '%s\\n' \"${COMPREPLY[@]}\"";
+    const auto result = run_process({"/bin/bash", "--norc", "-c", script});
+    EXPECT_EQ(result.exit_status, 0) << result.err;
+    EXPECT_EQ(result.err, "");
+    auto words = lines_of(result.out);
+    std::sort(words.begin(), words.end());
+    return words;
+}
+
+TEST(Ocpctl, BashCompletionCompletesSubcommandsOptionsAndNames) {
+    using Words = std::vector<std::string>;
+    EXPECT_EQ(complete("ocpctl sc"), Words({"scan"}));
+    EXPECT_EQ(complete("ocpctl s"), Words({"save", "scan", "simulate", "start", "stop", "stream"}));
+    EXPECT_EQ(complete("ocpctl params "), Words({"dump", "get", "load", "set"}));
+    EXPECT_EQ(complete("ocpctl --bus sim list "), Words({"items", "params"}));
+    EXPECT_EQ(complete("ocpctl move 0x21 --mode p"), Words({"position"}));
+    EXPECT_EQ(complete("ocpctl stream 0x21 --items POS_FB_4C,SPD"), Words({"POS_FB_4C,SPD_FB_45"}));
+    EXPECT_EQ(complete("ocpctl params get 0x21 LIMIT_T"), Words({"LIMIT_TORQUE"}));
+    EXPECT_EQ(complete("ocpctl address 0x21 0x30 --f"), Words({"--force"}));
+    // Every subcommand in the help is offered.
+    EXPECT_EQ(complete("ocpctl ").size(), 18u);
 }
 
 TEST(Ocpctl, DemoRunsToTheEnd) {

@@ -391,6 +391,8 @@ void add_device_commands(CLI::App& app, const GlobalOptions& global, Runner& run
     {
         CLI::App* params = app.add_subcommand("params", "Read or write device parameters");
         params->require_subcommand(1);
+        params->footer("Examples:\n  ocpctl params get 0x21 MODE\n  ocpctl params dump 0x21 --out 0x21.json\n"
+                       "  ocpctl params load 0x21 0x21.json --save");
         auto get_options = std::make_shared<ParamsGetOptions>();
         CLI::App* get = params->add_subcommand("get", "Read parameters (all 31 when no name is given)");
         get->add_option("ADDR", get_options->address, "Actuator address")->required();
