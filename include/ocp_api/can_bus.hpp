@@ -80,11 +80,8 @@ public:
     bool fd() const { return options_.isotp.fd; }
 
 private:
-    struct LocalReply;
-
     void run();
-    void handle_event(const CanLinkEvent& event, std::vector<can::ReceivedMessage>& messages);
-    void handle_state(CanLinkState state);
+    std::shared_ptr<StateCallback> note_state(CanLinkState state);
     void transmit(const std::vector<CanFrame>& frames);
     bool transmit_one(const CanFrame& frame);
     bool answer_locally(int address, const std::vector<uint8_t>& frame);
@@ -97,7 +94,7 @@ private:
 
     mutable std::mutex mutex_;  // guards everything below; frames are sent under it, in order
     can::Node node_;
-    std::deque<can::ReceivedMessage> local_replies_;
+    std::deque<can::ReceivedMessage> local_replies_;  // the adapter's answers, for the receive thread
     CanBusCounters counters_;
     CanLinkState state_ = CanLinkState::active;
     std::shared_ptr<StateCallback> state_callback_;

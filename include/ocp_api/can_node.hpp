@@ -64,15 +64,14 @@ private:
 
     IsoTpSender& sender_for(int address);
     IsoTpReceiver& receiver_for(int address, int kind);
-    bool is_incoming_direction(Direction direction) const;
-    void retire_idle(int address, int kind);
+    Direction incoming() const;
+    Direction outgoing() const;
 
     const Role role_;
     const IsoTpOptions options_;
     const AddressFilter serves_;
     std::map<int, IsoTpSender> senders_;
     std::map<ReceiverKey, IsoTpReceiver> receivers_;
-    IsoTpCounters retired_;  // counters of receivers and senders no longer kept
     uint64_t frames_in_ = 0;
     uint64_t foreign_frames_ = 0;
 };

@@ -57,6 +57,8 @@ std::chrono::microseconds st_min_duration(uint8_t code);
 uint8_t fd_frame_length(std::size_t bytes);
 // The most message bytes a single frame carries with these options (7 or up to 62).
 std::size_t single_frame_capacity(const IsoTpOptions& options);
+// True for a flow control frame, which belongs to the sender on the partner identifier.
+bool is_flow_control(const CanFrame& frame);
 
 // Sends messages one after the other, each on its own identifier, towards one
 // peer whose flow control frames are handed to on_flow_control().

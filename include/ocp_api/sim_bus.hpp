@@ -4,6 +4,7 @@
 // through the same OrreryActuator and OrreryActuatorScanner it uses on a real bus.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -19,10 +20,12 @@
 
 namespace ocp_api {
 
+// The constructor of SimBus throws std::invalid_argument, naming the option and
+// its range, for a value outside the range given here.
 struct SimBusOptions {
-    double time_scale = 1.0;                          // simulated seconds per wall second
-    std::chrono::microseconds reply_latency{200};     // between a frame and its reply
-    double loss_rate = 0.0;                           // chance that any one frame or reply is lost
+    double time_scale = 1.0;                          // simulated seconds per wall second, 1e-6..1000
+    std::chrono::microseconds reply_latency{200};     // between a frame and its reply, 0..60 s
+    double loss_rate = 0.0;                           // chance that any one frame or reply is lost, 0..1
     uint32_t seed = 1;                                // of the loss draw, for reproducible runs
 };
 
@@ -35,6 +38,7 @@ struct SimBusCounters {
     uint64_t replies_delivered = 0;  // handed to a registered callback
     uint64_t replies_unclaimed = 0;  // no callback was registered for the address
     uint64_t replies_lost = 0;
+    uint64_t replies_discarded = 0;  // still on their way when the bus closed
     uint64_t worker_wakes = 0;       // passes of the worker's loop, for tuning
 };
 
@@ -44,6 +48,11 @@ struct SimBusCounters {
 // is the transport's receive thread, and callbacks run there. send() is safe
 // from any thread, callbacks included; frames reach a device in the order they
 // were sent. An emulated adapter answers pings at address 0.
+//
+// The worker steps the devices through at most 0.1 s of simulated time per pass
+// and lets other threads have the bus between passes, so send(), counters() and
+// close() stay responsive whatever the devices were asked to do; a bus asked
+// for more than the machine can compute falls behind the wall clock instead.
 //
 // As with any transport, destroy the actuators that use the bus before the bus,
 // and do not destroy the bus from inside one of its callbacks.
@@ -69,8 +78,12 @@ public:
     bool send(int address, const std::vector<uint8_t>& frame) override;
     void setCallback(int address, ReceiveCallback callback) override;
     void removeCallback(int address) override;
-    // Stops the worker; later sends return false. Safe to call more than once
-    // and from inside a callback.
+    // Stops the worker; later sends return false. Once close() has returned no
+    // callback starts any more, not even for replies already due: called from
+    // another thread it returns after the worker has stopped; called from
+    // inside a callback, that callback finishes but no other one runs. Replies
+    // still on their way are counted in replies_discarded. Safe to call more
+    // than once and from several threads.
     void close() override;
 
 private:
@@ -85,6 +98,8 @@ private:
     void emit_replies(detail::DeviceReplies& replies) override;
 
     void run();
+    void deliver(std::vector<Reply>& due);
+    void join_worker();
     int64_t target_step(Clock::time_point now) const;
     Clock::time_point wall_time_of_step(int64_t step) const;
     void advance_devices(int64_t target);
@@ -109,6 +124,9 @@ private:
     SimBusCounters counters_;
     int64_t steps_done_ = 0;
     uint64_t reply_sequence_ = 0;
+
+    std::atomic<bool> delivering_{true};  // false from close() on: no callback starts
+    std::mutex join_mutex_;               // one thread joins the worker
 
     std::thread worker_;  // last: starts after everything above exists
 };
