@@ -1,5 +1,7 @@
 #include "cli_support.hpp"
 
+#include "number_format.hpp"
+
 #include <csignal>
 #include <cmath>
 #include <cstdio>
@@ -146,19 +148,7 @@ float parse_float(const std::string& text, const std::string& what) {
     return value;
 }
 
-std::string format_value(float value) {
-    if (std::isnan(value)) return "nan";
-    char text[48];
-    if (value == std::trunc(value) && std::fabs(value) < 1e10f) {
-        std::snprintf(text, sizeof text, "%.0f", static_cast<double>(value));
-        return text;
-    }
-    for (int digits = 6; digits <= 9; ++digits) {
-        std::snprintf(text, sizeof text, "%.*g", digits, static_cast<double>(value));
-        if (std::strtof(text, nullptr) == value) break;
-    }
-    return text;
-}
+std::string format_value(float value) { return format_number(value); }
 
 std::string shorten(const std::string& text) {
     constexpr std::size_t LONGEST = 200;
