@@ -163,8 +163,6 @@ std::string format_seconds(double seconds) {
     return text;
 }
 
-namespace {
-
 // The library's wait sleeps through signals, so one long connect() would
 // hold Ctrl-C for the whole time-out. Short attempts, each a fresh ping, let
 // a signal end the wait between two of them.
@@ -180,36 +178,12 @@ bool connect_interruptibly(ocp_api::OrreryActuator& actuator, int address, float
     }
 }
 
-// Passes everything on except STOP, so that an actuator object used only to
-// ask a question leaves the device running when it is destroyed.
-class WithoutStop : public ocp_api::OCP {
-public:
-    explicit WithoutStop(ocp_api::OCP& bus) : bus_(bus) {}
-    bool send(int address, const std::vector<uint8_t>& frame) override {
-        const bool is_stop = frame.size() == 1 && frame[0] == static_cast<uint8_t>(ocp_api::wire::Command::STOP);
-        return is_stop || bus_.send(address, frame);
-    }
-    void setCallback(int address, ReceiveCallback callback) override { bus_.setCallback(address, std::move(callback)); }
-    void removeCallback(int address) override { bus_.removeCallback(address); }
-    void close() override { bus_.close(); }
-
-private:
-    ocp_api::OCP& bus_;
-};
-
-}  // namespace
-
 std::unique_ptr<ocp_api::OrreryActuator> connect_actuator(ocp_api::OCP& bus, int address, float timeout_s) {
     auto actuator = std::make_unique<ocp_api::OrreryActuator>(bus, address);
     if (connect_interruptibly(*actuator, address, timeout_s)) return actuator;
     throw DeviceError("no answer from " + hex(address) + " after " + format_seconds(timeout_s));
 }
 
-bool answers_at(ocp_api::OCP& bus, int address, float timeout_s) {
-    WithoutStop quiet(bus);
-    ocp_api::OrreryActuator probe(quiet, address);
-    return connect_interruptibly(probe, address, timeout_s);
-}
 
 StopSignal::StopSignal() {
     raised_signal = 0;

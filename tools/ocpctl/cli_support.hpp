@@ -92,14 +92,14 @@ void command_motion(Actuator& actuator, const MotionCommand& command) {
     }
 }
 
-// Connects an actuator or throws DeviceError naming the address and the wait.
-// The wait is made of short pings so that a StopSignal in force ends it
-// within a few tens of milliseconds (throwing Interrupted).
-std::unique_ptr<ocp_api::OrreryActuator> connect_actuator(ocp_api::OCP& bus, int address, float timeout_s);
+// Pings until the actuator answers (true) or the time-out passes (false),
+// in short attempts so that a StopSignal in force ends the wait within a few
+// tens of milliseconds (throwing Interrupted).
+bool connect_interruptibly(ocp_api::OrreryActuator& actuator, int address, float timeout_s);
 
-// True when a device answers a ping at `address`; the device is left as it
-// was (no STOP on the way out).
-bool answers_at(ocp_api::OCP& bus, int address, float timeout_s);
+// Connects an actuator or throws DeviceError naming the address and the wait.
+// Interruptible as connect_interruptibly.
+std::unique_ptr<ocp_api::OrreryActuator> connect_actuator(ocp_api::OCP& bus, int address, float timeout_s);
 
 // Ctrl-C and SIGTERM set a flag that long-running commands poll. A closed
 // output pipe is reported the same way (as SIGPIPE) by note_output_closed,
