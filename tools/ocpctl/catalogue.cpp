@@ -105,7 +105,9 @@ bool is_whole(float value) { return std::isfinite(value) && value == std::trunc(
 
 // "0x00010001 (Overtemperature, Current maximum)"; "0x00000000 (no error)".
 std::string describe_error_word(float value) {
-    if (!is_whole(value) || value < 0.0f || value > 4294967295.0f) return format_value(value);
+    // Words above 2^24 lose low bits as floats; 2^32 itself (all bits set on
+    // the wire) no longer fits a word at all.
+    if (!is_whole(value) || value < 0.0f || !(value < 4294967296.0f)) return format_value(value);
     const auto word = static_cast<uint32_t>(value);
     char text[16];
     std::snprintf(text, sizeof text, "0x%08x", static_cast<unsigned>(word));
