@@ -10,8 +10,8 @@
 
 namespace {
 
-using ocp_api::OCP_Items;
-using ocp_api::OCP_Parameters;
+using OCP_Items = ocp_api::OrreryActuator::OCP_Items;
+using OCP_Parameters = ocp_api::OrreryActuator::OCP_Parameters;
 
 TEST(OcpctlFormat, ShortestTextThatReadsBackAsTheSameFloat) {
     EXPECT_EQ(ocpctl::format_value(0.1f), "0.1");
@@ -50,7 +50,7 @@ TEST(OcpctlFormat, CatalogueTypesAndCodes) {
     EXPECT_TRUE(ocpctl::parameter_is_integer(OCP_Parameters::ADDRESS));
     EXPECT_TRUE(ocpctl::parameter_is_integer(OCP_Parameters::DEVICE_80));
     EXPECT_FALSE(ocpctl::parameter_is_integer(OCP_Parameters::CAN_HIGH_SPEED));
-    for (const auto parameter : ocp_api::ALL_PARAMETERS) EXPECT_FALSE(ocpctl::parameter_meaning(parameter).empty());
+    for (const auto parameter : ocp_api::OrreryActuator::ALL_PARAMETERS) EXPECT_FALSE(ocpctl::parameter_meaning(parameter).empty());
 }
 
 TEST(OcpctlSuggest, NearestCommand) {

@@ -11,8 +11,8 @@ namespace ocpctl {
 
 namespace {
 
-using ocp_api::OCP_Items;
-using ocp_api::OCP_Parameters;
+using OCP_Items = Item;
+using OCP_Parameters = Parameter;
 
 struct ItemMeaning {
     OCP_Items item;
@@ -161,7 +161,7 @@ std::string describe_value(OCP_Parameters parameter, float value) {
     if (parameter == OCP_Parameters::ADDRESS && is_whole(value) && value >= 0.0f && value <= 65535.0f)
         return hex(static_cast<int>(value));
     if (parameter == OCP_Parameters::MODE && is_whole(value) && value >= 0.0f && value <= 255.0f) {
-        const std::string_view name = ocp_api::mode_name(static_cast<ocp_api::Mode>(static_cast<int>(value)));
+        const std::string_view name = ocp_api::mode_name(static_cast<Mode>(static_cast<int>(value)));
         if (!name.empty()) return format_value(value) + " (" + std::string(name) + ")";
     }
     if (parameter == OCP_Parameters::CAN_HIGH_SPEED && (value == 0.0f || value == 1.0f))

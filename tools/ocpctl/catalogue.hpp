@@ -6,28 +6,28 @@
 #include <string>
 #include <string_view>
 
-#include <ocp_api/identifiers.hpp>
+#include "cli_support.hpp"
 
 namespace ocpctl {
 
-std::string_view item_meaning(ocp_api::OCP_Items item);
-std::string_view parameter_meaning(ocp_api::OCP_Parameters parameter);
+std::string_view item_meaning(Item item);
+std::string_view parameter_meaning(Parameter parameter);
 
 // "f32", "u32", "i32" or "mode": how the 4 value bytes travel.
-std::string_view item_wire_type(ocp_api::OCP_Items item);
-std::string_view parameter_wire_type(ocp_api::OCP_Parameters parameter);
+std::string_view item_wire_type(Item item);
+std::string_view parameter_wire_type(Parameter parameter);
 
 // True for parameters whose values are whole numbers (integers on the wire,
 // the mode, the address).
-bool parameter_is_integer(ocp_api::OCP_Parameters parameter);
+bool parameter_is_integer(Parameter parameter);
 
 // "0x4c": an identifier's code as ocpctl prints and accepts it.
-std::string code_text(ocp_api::OCP_Items item);
-std::string code_text(ocp_api::OCP_Parameters parameter);
+std::string code_text(Item item);
+std::string code_text(Parameter parameter);
 
 // A value with its meaning where one is known: "7 (POSITION)", "0x21",
 // "0x00010001 (Overtemperature, Current maximum)", or the plain number.
-std::string describe_value(ocp_api::OCP_Parameters parameter, float value);
-std::string describe_value(ocp_api::OCP_Items item, float value);
+std::string describe_value(Parameter parameter, float value);
+std::string describe_value(Item item, float value);
 
 }  // namespace ocpctl

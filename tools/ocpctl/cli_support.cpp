@@ -27,8 +27,8 @@ std::string join_names(const Identifiers& all, NameOf name_of) {
     return names;
 }
 
-std::string join_item_names() { return join_names(ocp_api::ALL_ITEMS, ocp_api::item_name); }
-std::string join_parameter_names() { return join_names(ocp_api::ALL_PARAMETERS, ocp_api::parameter_name); }
+std::string join_item_names() { return join_names(ocp_api::OrreryActuator::ALL_ITEMS, ocp_api::item_name<Item>); }
+std::string join_parameter_names() { return join_names(ocp_api::OrreryActuator::ALL_PARAMETERS, ocp_api::parameter_name<Parameter>); }
 
 // Parses a whole decimal or 0x-prefixed hexadecimal integer (never octal:
 // 010 is ten).
@@ -69,14 +69,14 @@ int parse_address(const std::string& text) {
     return static_cast<int>(value);
 }
 
-std::vector<ocp_api::OCP_Items> parse_items(const std::vector<std::string>& names) {
-    std::vector<ocp_api::OCP_Items> items;
+std::vector<Item> parse_items(const std::vector<std::string>& names) {
+    std::vector<Item> items;
     for (const auto& name : names) {
-        auto item = ocp_api::item_from_name(name);
+        auto item = ocp_api::item_from_name<Item>(name);
         long long code = 0;
         if (!item && parse_integer(name, code) && code >= 0 && code <= 0xFF &&
             ocp_api::wire::is_item_code(static_cast<uint8_t>(code)))
-            item = static_cast<ocp_api::OCP_Items>(code);
+            item = static_cast<Item>(code);
         if (!item) throw UsageError("unknown feedback item '" + shorten(name) + "' (expected one of " + join_item_names() + ", or its code such as 0x4c)");
         items.push_back(*item);
     }
@@ -84,11 +84,11 @@ std::vector<ocp_api::OCP_Items> parse_items(const std::vector<std::string>& name
     return items;
 }
 
-ocp_api::OCP_Parameters parse_parameter(const std::string& name_or_code) {
-    if (const auto parameter = ocp_api::parameter_from_name(name_or_code)) return *parameter;
+Parameter parse_parameter(const std::string& name_or_code) {
+    if (const auto parameter = ocp_api::parameter_from_name<Parameter>(name_or_code)) return *parameter;
     long long code = 0;
     if (parse_integer(name_or_code, code)) {
-        for (const auto parameter : ocp_api::ALL_PARAMETERS) {
+        for (const auto parameter : ocp_api::OrreryActuator::ALL_PARAMETERS) {
             if (static_cast<long long>(parameter) == code) return parameter;
         }
     }
@@ -96,16 +96,16 @@ ocp_api::OCP_Parameters parse_parameter(const std::string& name_or_code) {
                      ", or its code such as 0x04)");
 }
 
-ocp_api::Mode parse_mode(const std::string& name) {
-    if (const auto mode = ocp_api::mode_from_name(name)) return *mode;
+Mode parse_mode(const std::string& name) {
+    if (const auto mode = ocp_api::mode_from_name<Mode>(name)) return *mode;
     throw UsageError("unknown mode '" + shorten(name) + "' (expected torque, speed, position or impedance)");
 }
 
 MotionCommand parse_motion(const std::string& mode_text, const std::string& setpoint, const std::string& stiffness,
                            const std::string& damping) {
-    const ocp_api::Mode mode = parse_mode(mode_text);
+    const Mode mode = parse_mode(mode_text);
     const float target = parse_float(setpoint, "setpoint");
-    if ((!stiffness.empty() || !damping.empty()) && mode != ocp_api::Mode::IMPEDANCE)
+    if ((!stiffness.empty() || !damping.empty()) && mode != Mode::IMPEDANCE)
         throw UsageError("--stiffness and --damping apply to --mode impedance only, not " + shorten(mode_text));
     return {mode, target, stiffness.empty() ? NAN : parse_float(stiffness, "stiffness"),
             damping.empty() ? NAN : parse_float(damping, "damping")};

@@ -29,6 +29,13 @@ struct Interrupted : std::runtime_error {
     int signal;
 };
 
+// Identifiers named on the command line are parsed into the physical
+// actuator's enumerations; commands that drive the simulated actuator convert
+// them with ocp_api::identifier_cast.
+using Item = ocp_api::OrreryActuator::OCP_Items;
+using Parameter = ocp_api::OrreryActuator::OCP_Parameters;
+using Mode = ocp_api::OrreryActuator::Mode;
+
 inline constexpr int EXIT_DEVICE = 1;
 inline constexpr int EXIT_USAGE = 2;
 
@@ -41,9 +48,9 @@ struct GlobalOptions {
 int parse_address(const std::string& text);
 std::string hex(int address);
 
-std::vector<ocp_api::OCP_Items> parse_items(const std::vector<std::string>& names);
-ocp_api::OCP_Parameters parse_parameter(const std::string& name_or_code);
-ocp_api::Mode parse_mode(const std::string& name);
+std::vector<Item> parse_items(const std::vector<std::string>& names);
+Parameter parse_parameter(const std::string& name_or_code);
+Mode parse_mode(const std::string& name);
 // A rate in Hz, 1..10000.
 int parse_rate(double hz);
 // A positive, finite number of seconds.
@@ -65,7 +72,7 @@ std::string shorten(const std::string& text);
 // What move and simulate command: a mode, its setpoint and, for impedance,
 // optional gains (NaN leaves the device's own gains in place).
 struct MotionCommand {
-    ocp_api::Mode mode;
+    Mode mode;
     float setpoint;
     float stiffness;
     float damping;
@@ -83,10 +90,10 @@ std::string motion_title(const MotionCommand& command);
 template <typename Actuator>
 void command_motion(Actuator& actuator, const MotionCommand& command) {
     switch (command.mode) {
-        case ocp_api::Mode::TORQUE: actuator.change_torque_setpoint(command.setpoint); break;
-        case ocp_api::Mode::SPEED: actuator.change_speed_setpoint(command.setpoint); break;
-        case ocp_api::Mode::POSITION: actuator.change_position_setpoint(command.setpoint); break;
-        case ocp_api::Mode::IMPEDANCE:
+        case Mode::TORQUE: actuator.change_torque_setpoint(command.setpoint); break;
+        case Mode::SPEED: actuator.change_speed_setpoint(command.setpoint); break;
+        case Mode::POSITION: actuator.change_position_setpoint(command.setpoint); break;
+        case Mode::IMPEDANCE:
             actuator.change_impedance_setpoint(command.setpoint, 0.0f, command.stiffness, command.damping);
             break;
     }

@@ -17,7 +17,6 @@ namespace ocpctl {
 
 namespace {
 
-using ocp_api::OCP_Parameters;
 using ParameterMap = ocp_api::OrreryActuator::ParameterMap;
 
 // JSON has no NaN: an unknown value is null.
@@ -26,7 +25,7 @@ nlohmann::ordered_json json_number(float value) {
     return value;
 }
 
-void print_parameters(int address, const std::vector<OCP_Parameters>& ids, const ParameterMap& values, bool json) {
+void print_parameters(int address, const std::vector<Parameter>& ids, const ParameterMap& values, bool json) {
     if (json) {
         nlohmann::ordered_json result;
         result["address"] = address;
@@ -43,7 +42,7 @@ void print_parameters(int address, const std::vector<OCP_Parameters>& ids, const
 }
 
 // Reads `ids` from the device, or throws DeviceError if any stays unanswered.
-ParameterMap read_parameters(Session& session, int address, const std::vector<OCP_Parameters>& ids, float timeout_s) {
+ParameterMap read_parameters(Session& session, int address, const std::vector<Parameter>& ids, float timeout_s) {
     const ParameterMap values = session.actuator().get_parameters(ids, timeout_s);
     for (const auto id : ids) {
         if (values.count(id) == 0)
@@ -64,7 +63,8 @@ int run_info(const InfoOptions& options, const GlobalOptions& global) {
     const int address = parse_address(options.address);
     Session session(global, address, OnExit::LeaveAsFound);
     auto& actuator = session.actuator();
-    const std::vector<ocp_api::OCP_Items> items(ocp_api::ALL_ITEMS.begin(), ocp_api::ALL_ITEMS.end());
+    const auto& all_items = ocp_api::OrreryActuator::ALL_ITEMS;
+    const std::vector<Item> items(all_items.begin(), all_items.end());
     const auto values = actuator.getItemsBlocking(items, global.timeout_s);
     if (values.empty())
         throw DeviceError("no answer from " + hex(address) + " to the feedback request after " +
@@ -108,9 +108,10 @@ struct ParamsGetOptions {
 
 int run_params_get(const ParamsGetOptions& options, const GlobalOptions& global) {
     const int address = parse_address(options.address);
-    std::vector<OCP_Parameters> ids;
+    std::vector<Parameter> ids;
     for (const auto& name : options.names) ids.push_back(parse_parameter(name));
-    if (ids.empty()) ids.assign(ocp_api::ALL_PARAMETERS.begin(), ocp_api::ALL_PARAMETERS.end());
+    const auto& all_parameters = ocp_api::OrreryActuator::ALL_PARAMETERS;
+    if (ids.empty()) ids.assign(all_parameters.begin(), all_parameters.end());
     Session session(global, address, OnExit::LeaveAsFound);
     print_parameters(address, ids, read_parameters(session, address, ids, global.timeout_s), options.json);
     return 0;
@@ -124,13 +125,13 @@ struct ParamsSetOptions {
 int run_params_set(const ParamsSetOptions& options, const GlobalOptions& global) {
     const int address = parse_address(options.address);
     ParameterMap values;
-    std::vector<OCP_Parameters> ids;
+    std::vector<Parameter> ids;
     for (const auto& assignment : options.assignments) {
         const std::size_t equals = assignment.find('=');
         if (equals == std::string::npos)
             throw UsageError("expected NAME=VALUE, got '" + assignment + "' (for example LIMIT_TORQUE=2.5)");
-        const OCP_Parameters id = parse_parameter(assignment.substr(0, equals));
-        if (id == OCP_Parameters::ADDRESS)
+        const Parameter id = parse_parameter(assignment.substr(0, equals));
+        if (id == Parameter::ADDRESS)
             throw UsageError("ADDRESS is changed with 'ocpctl address ADDR NEW', which follows the device");
         const float value = parse_float(assignment.substr(equals + 1), std::string(ocp_api::parameter_name(id)) + " value");
         if (values.count(id) == 0) ids.push_back(id);
@@ -148,13 +149,13 @@ int run_params_set(const ParamsSetOptions& options, const GlobalOptions& global)
 // A parameter value as JSON: whole numbers for integer parameters, and the
 // shortest decimal that reads back as the same float for the others (0.1,
 // not 0.100000001490116).
-nlohmann::ordered_json json_parameter_value(OCP_Parameters id, float value) {
+nlohmann::ordered_json json_parameter_value(Parameter id, float value) {
     if (!std::isfinite(value)) return nullptr;
     if (parameter_is_integer(id) && value == std::trunc(value)) return static_cast<long long>(value);
     return std::stod(format_value(value));
 }
 
-nlohmann::ordered_json parameters_document(int address, const std::vector<OCP_Parameters>& ids, const ParameterMap& values) {
+nlohmann::ordered_json parameters_document(int address, const std::vector<Parameter>& ids, const ParameterMap& values) {
     nlohmann::ordered_json document;
     document["address"] = hex(address);
     document["parameters"] = nlohmann::ordered_json::array();
@@ -200,7 +201,7 @@ struct ParamsDumpOptions {
 int run_params_dump(const ParamsDumpOptions& options, const GlobalOptions& global) {
     const int address = parse_address(options.address);
     check_writable(options.out);
-    const std::vector<OCP_Parameters> ids(ocp_api::ALL_PARAMETERS.begin(), ocp_api::ALL_PARAMETERS.end());
+    const std::vector<Parameter> ids(ocp_api::OrreryActuator::ALL_PARAMETERS.begin(), ocp_api::OrreryActuator::ALL_PARAMETERS.end());
     Session session(global, address, OnExit::LeaveAsFound);
     write_document(parameters_document(address, ids, read_parameters(session, address, ids, global.timeout_s)), options.out);
     return 0;
@@ -215,19 +216,19 @@ struct ParamsLoadOptions {
 
 // One entry of a parameters file: {"name": ..., "code": ..., "value": ...}
 // (either name or code suffices), or "NAME": value in an object.
-OCP_Parameters entry_parameter(const nlohmann::json& entry, const std::string& where) {
+Parameter entry_parameter(const nlohmann::json& entry, const std::string& where) {
     const bool has_name = entry.contains("name"), has_code = entry.contains("code");
     if (!has_name && !has_code) throw UsageError(where + " has neither a name nor a code");
     if (has_name && !entry["name"].is_string()) throw UsageError(where + ": name is not a text");
     if (has_code && !entry["code"].is_string()) throw UsageError(where + ": code is not a text such as \"0x04\"");
-    const OCP_Parameters id = parse_parameter(has_name ? entry["name"].get<std::string>() : entry["code"].get<std::string>());
+    const Parameter id = parse_parameter(has_name ? entry["name"].get<std::string>() : entry["code"].get<std::string>());
     if (has_name && has_code && parse_parameter(entry["code"].get<std::string>()) != id)
         throw UsageError(where + ": name " + entry["name"].get<std::string>() + " and code " +
                          entry["code"].get<std::string>() + " differ");
     return id;
 }
 
-float entry_value(const nlohmann::json& value, OCP_Parameters id, const std::string& where) {
+float entry_value(const nlohmann::json& value, Parameter id, const std::string& where) {
     if (!value.is_number())
         throw UsageError(where + ": the value of " + std::string(ocp_api::parameter_name(id)) + " is not a number");
     const double number = value.get<double>();
@@ -238,7 +239,7 @@ float entry_value(const nlohmann::json& value, OCP_Parameters id, const std::str
 }
 
 // Reads and checks the whole file; nothing is sent before this succeeds.
-std::vector<std::pair<OCP_Parameters, float>> read_parameters_file(const std::string& path, int address) {
+std::vector<std::pair<Parameter, float>> read_parameters_file(const std::string& path, int address) {
     std::ifstream file(path);
     if (!file) throw UsageError("cannot read " + shorten(path) + ": " + std::strerror(errno));
     nlohmann::json document;
@@ -249,29 +250,29 @@ std::vector<std::pair<OCP_Parameters, float>> read_parameters_file(const std::st
     }
     if (!document.is_object() || !document.contains("parameters"))
         throw UsageError(shorten(path) + " has no \"parameters\" (write one with ocpctl params dump)");
-    std::vector<std::pair<OCP_Parameters, float>> entries;
+    std::vector<std::pair<Parameter, float>> entries;
     const auto& parameters = document["parameters"];
     if (parameters.is_array()) {
         for (std::size_t i = 0; i < parameters.size(); ++i) {
             const std::string where = shorten(path) + ": entry " + std::to_string(i + 1);
             if (!parameters[i].is_object()) throw UsageError(where + " is not an object");
-            const OCP_Parameters id = entry_parameter(parameters[i], where);
+            const Parameter id = entry_parameter(parameters[i], where);
             if (!parameters[i].contains("value")) throw UsageError(where + " has no value");
             entries.emplace_back(id, entry_value(parameters[i]["value"], id, where));
         }
     } else if (parameters.is_object()) {
         for (const auto& [name, value] : parameters.items()) {
-            const OCP_Parameters id = parse_parameter(name);
+            const Parameter id = parse_parameter(name);
             entries.emplace_back(id, entry_value(value, id, shorten(path)));
         }
     } else {
         throw UsageError(shorten(path) + ": \"parameters\" is neither a list nor an object");
     }
-    std::set<OCP_Parameters> seen;
+    std::set<Parameter> seen;
     for (const auto& [id, value] : entries) {
         if (!seen.insert(id).second)
             throw UsageError(shorten(path) + " gives " + std::string(ocp_api::parameter_name(id)) + " twice");
-        if (id == OCP_Parameters::ADDRESS && value != static_cast<float>(address))
+        if (id == Parameter::ADDRESS && value != static_cast<float>(address))
             throw UsageError(shorten(path) + " is for the device at " + describe_value(id, value) + ", not " +
                              hex(address) + " (ocpctl address moves a device)");
     }
@@ -283,11 +284,11 @@ int run_params_load(const ParamsLoadOptions& options, const GlobalOptions& globa
     const auto entries = read_parameters_file(options.file, address);
     check_writable(options.out);
     ParameterMap values;
-    std::vector<OCP_Parameters> ids;
+    std::vector<Parameter> ids;
     for (const auto& [id, value] : entries) {
         ids.push_back(id);
         // The address is checked above; writing it would only repeat it.
-        if (id != OCP_Parameters::ADDRESS) values[id] = value;
+        if (id != Parameter::ADDRESS) values[id] = value;
     }
     Session session(global, address, OnExit::LeaveAsFound);
     session.actuator().set_parameters(values);
@@ -300,7 +301,7 @@ int run_params_load(const ParamsLoadOptions& options, const GlobalOptions& globa
                     describe_value(id, value).c_str(), describe_value(id, held.at(id)).c_str());
     }
     if (!options.out.empty()) {
-        const std::vector<OCP_Parameters> all(ocp_api::ALL_PARAMETERS.begin(), ocp_api::ALL_PARAMETERS.end());
+        const std::vector<Parameter> all(ocp_api::OrreryActuator::ALL_PARAMETERS.begin(), ocp_api::OrreryActuator::ALL_PARAMETERS.end());
         write_document(parameters_document(address, all, read_parameters(session, address, all, global.timeout_s)),
                        options.out);
     }

@@ -14,7 +14,7 @@ constexpr const char* ROW = "%-6s %-20s %-5s %s\n";
 
 int list_items() {
     std::printf(ROW, "CODE", "NAME", "TYPE", "MEANING");
-    for (const auto item : ocp_api::ALL_ITEMS)
+    for (const auto item : ocp_api::OrreryActuator::ALL_ITEMS)
         std::printf(ROW, code_text(item).c_str(), std::string(ocp_api::item_name(item)).c_str(),
                     std::string(item_wire_type(item)).c_str(), std::string(item_meaning(item)).c_str());
     return 0;
@@ -22,7 +22,7 @@ int list_items() {
 
 int list_parameters() {
     std::printf(ROW, "CODE", "NAME", "TYPE", "MEANING");
-    for (const auto parameter : ocp_api::ALL_PARAMETERS)
+    for (const auto parameter : ocp_api::OrreryActuator::ALL_PARAMETERS)
         std::printf(ROW, code_text(parameter).c_str(), std::string(ocp_api::parameter_name(parameter)).c_str(),
                     std::string(parameter_wire_type(parameter)).c_str(),
                     std::string(parameter_meaning(parameter)).c_str());

@@ -21,13 +21,12 @@ namespace ocpctl {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using Items = ocp_api::OCP_Items;
 using FeedbackMap = ocp_api::OrreryActuator::FeedbackMap;
 using namespace std::chrono_literals;
 
-const std::vector<Items> MOTION_ITEMS = {Items::POS_FB_4C, Items::SPD_FB_45, Items::T_FB_56};
+const std::vector<Item> MOTION_ITEMS = {Item::POS_FB_4C, Item::SPD_FB_45, Item::T_FB_56};
 
-float item_or_nan(const FeedbackMap& feedback, Items item) {
+float item_or_nan(const FeedbackMap& feedback, Item item) {
     const auto found = feedback.find(item);
     return found == feedback.end() ? NAN : found->second;
 }
@@ -35,7 +34,7 @@ float item_or_nan(const FeedbackMap& feedback, Items item) {
 double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
 // The first of `candidates` that is among `items`.
-std::optional<Items> first_present(const std::vector<Items>& items, std::initializer_list<Items> candidates) {
+std::optional<Item> first_present(const std::vector<Item>& items, std::initializer_list<Item> candidates) {
     for (const auto candidate : candidates) {
         if (std::find(items.begin(), items.end(), candidate) != items.end()) return candidate;
     }
@@ -44,13 +43,13 @@ std::optional<Items> first_present(const std::vector<Items>& items, std::initial
 
 // Which streamed items feed which panel of a plot.
 struct PlotSources {
-    std::optional<Items> position, speed, torque, setpoint;
+    std::optional<Item> position, speed, torque, setpoint;
 
-    explicit PlotSources(const std::vector<Items>& items)
-        : position(first_present(items, {Items::POS_FB_4C, Items::POS_FB_41, Items::POS_FB_43, Items::POS_FB_73})),
-          speed(first_present(items, {Items::SPD_FB_45})),
-          torque(first_present(items, {Items::T_FB_56, Items::T_FB_49})),
-          setpoint(first_present(items, {Items::REF_4B, Items::REF_4D, Items::REF_55})) {}
+    explicit PlotSources(const std::vector<Item>& items)
+        : position(first_present(items, {Item::POS_FB_4C, Item::POS_FB_41, Item::POS_FB_43, Item::POS_FB_73})),
+          speed(first_present(items, {Item::SPD_FB_45})),
+          torque(first_present(items, {Item::T_FB_56, Item::T_FB_49})),
+          setpoint(first_present(items, {Item::REF_4B, Item::REF_4D, Item::REF_55})) {}
 
     bool any_quantity() const { return position || speed || torque; }
 
@@ -116,17 +115,17 @@ int run_move(const MoveOptions& options, const GlobalOptions& global) {
         stop_signal.sleep_for(100ms);
         const auto feedback = actuator.get_feedback();
         std::fprintf(stderr, "%6.2f s  position %s  speed %s  torque %s\n", seconds_since(start),
-                     format_value(item_or_nan(feedback, Items::POS_FB_4C)).c_str(),
-                     format_value(item_or_nan(feedback, Items::SPD_FB_45)).c_str(),
-                     format_value(item_or_nan(feedback, Items::T_FB_56)).c_str());
+                     format_value(item_or_nan(feedback, Item::POS_FB_4C)).c_str(),
+                     format_value(item_or_nan(feedback, Item::SPD_FB_45)).c_str(),
+                     format_value(item_or_nan(feedback, Item::T_FB_56)).c_str());
     }
     actuator.setFeedbackRate(0);
     actuator.stop();
     const auto feedback = actuator.get_feedback();
     std::printf("%s position %s speed %s torque %s\n", hex(address).c_str(),
-                format_value(item_or_nan(feedback, Items::POS_FB_4C)).c_str(),
-                format_value(item_or_nan(feedback, Items::SPD_FB_45)).c_str(),
-                format_value(item_or_nan(feedback, Items::T_FB_56)).c_str());
+                format_value(item_or_nan(feedback, Item::POS_FB_4C)).c_str(),
+                format_value(item_or_nan(feedback, Item::SPD_FB_45)).c_str(),
+                format_value(item_or_nan(feedback, Item::T_FB_56)).c_str());
     if (!options.plot.empty()) {
         session.release_actuator();  // the recording is complete
         PlotLabels labels;
@@ -165,18 +164,18 @@ struct StreamOptions {
 };
 
 // The mode the device is in, for the panel its setpoint belongs to.
-std::optional<ocp_api::Mode> device_mode(ocp_api::OrreryActuator& actuator, float timeout_s) {
-    const auto values = actuator.get_parameters({ocp_api::OCP_Parameters::MODE}, timeout_s);
-    const auto found = values.find(ocp_api::OCP_Parameters::MODE);
+std::optional<Mode> device_mode(ocp_api::OrreryActuator& actuator, float timeout_s) {
+    const auto values = actuator.get_parameters({Parameter::MODE}, timeout_s);
+    const auto found = values.find(Parameter::MODE);
     if (found == values.end()) return std::nullopt;
-    const auto mode = static_cast<ocp_api::Mode>(static_cast<int>(found->second));
+    const auto mode = static_cast<Mode>(static_cast<int>(found->second));
     if (ocp_api::mode_name(mode).empty()) return std::nullopt;
     return mode;
 }
 
 int run_stream(const StreamOptions& options, const GlobalOptions& global) {
     const int address = parse_address(options.address);
-    const std::vector<Items> items = parse_items(options.items);
+    const std::vector<Item> items = parse_items(options.items);
     const int rate = parse_rate(options.rate);
     if (options.format != "csv" && options.format != "jsonl")
         throw UsageError("unknown format '" + options.format + "' (expected csv or jsonl)");
@@ -265,8 +264,8 @@ struct WatchOptions {
     double seconds = 0.0;  // 0: until Ctrl-C
 };
 
-const std::vector<Items> WATCH_ITEMS = {Items::POS_FB_4C, Items::SPD_FB_45, Items::T_FB_56, Items::VBUS_70,
-                                        Items::TEMP_WINDING_72};
+const std::vector<Item> WATCH_ITEMS = {Item::POS_FB_4C, Item::SPD_FB_45, Item::T_FB_56, Item::VBUS_70,
+                                        Item::TEMP_WINDING_72};
 // Column headers that fit: the item names, the winding temperature's cut.
 const char* const WATCH_HEADERS[] = {"POS_FB_4C", "SPD_FB_45", "T_FB_56", "VBUS_70", "TEMP_WIND"};
 constexpr int VALUE_WIDTH = 11;

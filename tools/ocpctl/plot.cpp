@@ -62,13 +62,13 @@ struct Panel {
     bool has_setpoint;
 };
 
-bool controls(std::optional<ocp_api::Mode> mode, const char* quantity) {
+bool controls(std::optional<Mode> mode, const char* quantity) {
     if (!mode) return false;
     switch (*mode) {
-        case ocp_api::Mode::TORQUE: return std::strcmp(quantity, "torque") == 0;
-        case ocp_api::Mode::SPEED: return std::strcmp(quantity, "speed") == 0;
-        case ocp_api::Mode::POSITION:
-        case ocp_api::Mode::IMPEDANCE: return std::strcmp(quantity, "position") == 0;
+        case Mode::TORQUE: return std::strcmp(quantity, "torque") == 0;
+        case Mode::SPEED: return std::strcmp(quantity, "speed") == 0;
+        case Mode::POSITION:
+        case Mode::IMPEDANCE: return std::strcmp(quantity, "position") == 0;
     }
     return false;
 }

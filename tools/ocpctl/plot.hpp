@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include <ocp_api/identifiers.hpp>
+#include "cli_support.hpp"
 
 namespace ocpctl {
 
@@ -29,7 +29,7 @@ struct PlotLabels {
     std::string speed = "speed";
     std::string torque = "torque";
     // The mode whose quantity the setpoint is drawn over.
-    std::optional<ocp_api::Mode> controlled;
+    std::optional<Mode> controlled;
 };
 
 enum class PlotFormat { PNG, SVG };
