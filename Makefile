@@ -14,18 +14,22 @@ FUZZ_SECONDS ?= 300
 FUZZ_TEST_SECONDS ?= 30
 FUZZ_TEST_BUDGET ?= 150
 
-.PHONY: all deps build demo test test-normal test-asan test-tsan test-fuzz fuzz build-fuzz soak bench install clean
+.PHONY: all deps configure build demo test test-normal test-asan test-tsan test-fuzz fuzz build-fuzz soak bench install clean
 
 all: build
 
 deps:
 	@scripts/install-deps.sh
 
-build: deps
+configure: deps
 	@cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOCP_API_WERROR=ON $(CMAKE_FLAGS) >/dev/null
+
+build: configure
 	@cmake --build build -j $(JOBS)
 
-demo: build
+# Only the library and the demo program: no test suite to compile first.
+demo: configure
+	@cmake --build build -j $(JOBS) --target sim_demo
 	./build/examples/sim_demo
 
 # The whole suite three ways: a normal build, AddressSanitizer with

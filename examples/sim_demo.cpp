@@ -10,6 +10,7 @@
 #include <ocp_api/orrery_actuator.hpp>
 #include <ocp_api/sim_bus.hpp>
 
+#include "number_format.hpp"
 #include "sim_demo.hpp"
 
 namespace {
@@ -29,8 +30,9 @@ void print_table_row(double t, const std::vector<std::unique_ptr<OrreryActuator>
     std::printf("%5.2f s", t);
     for (const auto& joint : joints) {
         const auto feedback = joint->get_feedback();
-        std::printf(" | %8.4f %8.4f %8.4f", value_or_zero(feedback, Items::POS_FB_4C),
-                    value_or_zero(feedback, Items::SPD_FB_45), value_or_zero(feedback, Items::T_FB_56));
+        std::printf(" | %13s %13s %13s", format_number(value_or_zero(feedback, Items::POS_FB_4C)).c_str(),
+                    format_number(value_or_zero(feedback, Items::SPD_FB_45)).c_str(),
+                    format_number(value_or_zero(feedback, Items::T_FB_56)).c_str());
     }
     std::printf("\n");
 }
@@ -67,7 +69,10 @@ int run_sim_demo() {
     if (joints.size() != 3) return 1;
 
     heading("Position move on 0x21, speed ramp under load on 0x22, impedance on 0x23 (feedback at 200 Hz)");
-    std::printf("   time |  0x21 pos      spd      torque |  0x22 pos      spd      torque |  0x23 pos      spd      torque\n");
+    std::printf("   time");
+    for (const char* position : {"0x21 pos", "0x22 pos", "0x23 pos"})
+        std::printf(" | %13s %13s %13s", position, "spd", "torque");
+    std::printf("\n");
     joints[0]->change_position_setpoint(1.0f);
     bus.actuator(0x22).physics()->change_load(0.5f);
     joints[2]->change_impedance_setpoint(0.5f, 0.0f, 40.0f, 8.0f);
@@ -83,7 +88,7 @@ int run_sim_demo() {
     for (const auto id : OrreryActuator::ALL_PARAMETERS) {
         const auto found_value = parameters.find(id);
         std::printf("  %-22s 0x%02x  %s\n", std::string(ocp_api::parameter_name(id)).c_str(), static_cast<unsigned>(id),
-                    found_value == parameters.end() ? "(no answer)" : std::to_string(found_value->second).c_str());
+                    found_value == parameters.end() ? "(no answer)" : format_number(found_value->second).c_str());
     }
 
     heading("An injected error on 0x23: the default report, and the actuator stops");

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -27,6 +28,11 @@ struct CanDeviceHostOptions {
     can::IsoTpOptions isotp;                      // `isotp.fd` needs a link that carries CAN-FD
     double time_scale = 1.0;                      // simulated seconds per wall second
     std::chrono::microseconds busy_retry{2000};   // how long one frame is retried on a busy adapter
+    // Between a whole command and the device's answer, 0..1 s. Real firmware
+    // takes a little while; a device answering faster than the host can look
+    // (the scanner starts its answer period only after its ping is sent) would
+    // be missed, so the default models a quick device rather than none.
+    std::chrono::microseconds reply_latency{200};
 };
 
 struct CanDeviceHostCounters {
@@ -80,6 +86,7 @@ private:
     void advance_devices(can::IsoTpTime now, std::vector<CanFrame>& out);
     void handle_command(const can::ReceivedMessage& message, can::IsoTpTime now, std::vector<CanFrame>& out);
     void queue_replies(detail::DeviceReplies& replies, can::IsoTpTime now, std::vector<CanFrame>& out);
+    void release_due_answers(can::IsoTpTime now, std::vector<CanFrame>& out);
     void transmit(const std::vector<CanFrame>& frames);
     can::IsoTpTime next_wake(can::IsoTpTime now) const;
     EmulatedActuator* device_at(int address) const;
@@ -91,6 +98,12 @@ private:
     mutable std::mutex mutex_;  // guards everything below; frames are sent under it, in order
     can::Node node_;
     std::vector<std::unique_ptr<EmulatedActuator>> devices_;
+    // Answers to commands, held back until their reply latency has passed.
+    struct DelayedAnswer {
+        can::IsoTpTime due;
+        detail::DeviceReplies replies;
+    };
+    std::deque<DelayedAnswer> delayed_answers_;  // in order of `due`
     std::shared_ptr<CommandObserver> observer_;
     CanDeviceHostCounters counters_;
     int64_t steps_done_ = 0;

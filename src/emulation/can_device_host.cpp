@@ -20,6 +20,7 @@ using Clock = can::IsoTpClock;
 // Without anything due the thread still wakes this often to keep the devices'
 // physics close to the wall clock.
 constexpr std::chrono::milliseconds IDLE_WAKE_PERIOD{20};
+constexpr std::chrono::microseconds MAX_REPLY_LATENCY = std::chrono::seconds(1);
 
 std::string hex_address(int address) {
     std::ostringstream text;
@@ -41,6 +42,8 @@ CanDeviceHost::CanDeviceHost(std::unique_ptr<CanLink> link, CanDeviceHostOptions
       }) {
     if (!(options_.time_scale > 0.0) || !std::isfinite(options_.time_scale))
         throw std::invalid_argument("CanDeviceHost time_scale must be a positive number");
+    if (options_.reply_latency.count() < 0 || options_.reply_latency > MAX_REPLY_LATENCY)
+        throw std::invalid_argument("CanDeviceHost reply_latency must be 0..1 s");
     if (options_.isotp.fd && !link_->fd())
         throw std::invalid_argument("CAN-FD asked of a link that carries only classic CAN");
     worker_ = std::thread([this] { run(); });
@@ -163,12 +166,25 @@ void CanDeviceHost::handle_command(const can::ReceivedMessage& message, can::Iso
     ++counters_.commands_in;
     detail::DeviceReplies replies;
     device->device_->handle_frame(message.bytes, steps_done_, replies);
-    queue_replies(replies, now, out);
+    if (replies.empty()) return;
+    if (options_.reply_latency.count() == 0) {
+        queue_replies(replies, now, out);
+        return;
+    }
+    delayed_answers_.push_back({now + options_.reply_latency, std::move(replies)});
+}
+
+void CanDeviceHost::release_due_answers(can::IsoTpTime now, std::vector<CanFrame>& out) {
+    while (!delayed_answers_.empty() && delayed_answers_.front().due <= now) {
+        queue_replies(delayed_answers_.front().replies, now, out);
+        delayed_answers_.pop_front();
+    }
 }
 
 can::IsoTpTime CanDeviceHost::next_wake(can::IsoTpTime now) const {
     can::IsoTpTime wake = now + IDLE_WAKE_PERIOD;
     if (const auto deadline = node_.deadline()) wake = std::min(wake, *deadline);
+    if (!delayed_answers_.empty()) wake = std::min(wake, delayed_answers_.front().due);
     for (const auto& device : devices_) {
         const int64_t tick = device->device_->next_stream_step();
         if (tick != detail::EmulatedDevice::NEVER) wake = std::min(wake, clock_->time_of_step(tick));
@@ -190,6 +206,7 @@ void CanDeviceHost::run() {
             advance_devices(now, out);
             if (event.type == CanLinkEvent::Type::frame) node_.on_frame(event.frame, now, out, commands);
             for (const auto& command : commands) handle_command(command, now, out);
+            release_due_answers(now, out);
             node_.on_time(now, out);
             transmit(out);
             out.clear();

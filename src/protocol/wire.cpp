@@ -20,7 +20,6 @@ using Items = Codes::OCP_Items;
 using Parameters = Codes::OCP_Parameters;
 
 constexpr uint8_t code_of(Items item) { return static_cast<uint8_t>(item); }
-constexpr uint8_t code_of(Parameters parameter) { return static_cast<uint8_t>(parameter); }
 
 }  // namespace
 

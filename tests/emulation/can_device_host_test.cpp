@@ -123,6 +123,33 @@ TEST(CanDeviceHost, RejectsAMissingLinkAndNonsenseOptions) {
     CanDeviceHostOptions slow;
     slow.time_scale = 0.0;
     EXPECT_THROW(CanDeviceHost(channel.open(), slow), std::invalid_argument);
+    CanDeviceHostOptions late;
+    late.reply_latency = std::chrono::seconds(2);
+    try {
+        CanDeviceHost host(channel.open(), late);
+        ADD_FAILURE();
+    } catch (const std::invalid_argument& error) {
+        EXPECT_STREQ(error.what(), "CanDeviceHost reply_latency must be 0..1 s");
+    }
+    late.reply_latency = std::chrono::microseconds(-1);
+    EXPECT_THROW(CanDeviceHost(channel.open(), late), std::invalid_argument);
+}
+
+// An answer never leaves before the reply latency has passed: the host's
+// scanner starts its answer period only after the ping went out.
+TEST(CanDeviceHost, AnswersNoEarlierThanTheReplyLatency) {
+    VirtualCanChannel channel;
+    auto tester = channel.open();
+    CanDeviceHostOptions options;
+    options.reply_latency = 50ms;
+    CanDeviceHost host(channel.open(), options);
+    host.add_actuator(0x21, 3, 0x0842);
+    const auto sent = std::chrono::steady_clock::now();
+    tester->send_frame(frame_of(0x00D00021, {0x01, 0x40, 0xCC, 0xCC, 0xCC, 0xCC, 0xCC, 0xCC}));
+    const CanFrame reply = next_frame(*tester);
+    const auto answered = std::chrono::steady_clock::now();
+    EXPECT_EQ(bytes_of(reply), (Bytes{0x05, 0x80, 0x03, 0x00, 0x42, 0x08, 0xCC, 0xCC}));
+    EXPECT_GE(answered - sent, 50ms);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 
@@ -48,19 +49,15 @@ TEST(Ocpctl, HelpAndVersion) {
     EXPECT_EQ(version.out, std::string("ocpctl ") + ocp_api::VERSION_TEXT + "\n");
 }
 
-TEST(Ocpctl, ScanPrintsTheScannerLinesAndASummary) {
+TEST(Ocpctl, ScanPrintsEachDeviceOnce) {
     const auto result = ocpctl({"scan"});
     EXPECT_EQ(result.exit_status, 0);
     EXPECT_EQ(result.out,
-              "Device found: address 0x21 (33)\tmodel HERON_A\tfirmware 1.1.2\n"
-              "Device found: address 0x22 (34)\tmodel KESTREL_B\tfirmware 1.4.3\n"
-              "Device found: address 0x23 (35)\tmodel HERON_C\tfirmware 2.0.1\n"
-              "\n"
               "ADDRESS  MODEL       FIRMWARE\n"
               "0x21     HERON_A     1.1.2\n"
               "0x22     KESTREL_B   1.4.3\n"
               "0x23     HERON_C     2.0.1\n");
-    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(result.err, "") << "no progress when standard error is not a terminal";
 }
 
 TEST(Ocpctl, ScanJsonParsesBack) {
@@ -121,13 +118,119 @@ TEST(Ocpctl, ParamsGetAllAsJson) {
     EXPECT_EQ(parameters.begin().key(), "K_DAMP") << "in the device's table order";
 }
 
-TEST(Ocpctl, ParamsGetByNameOrCode) {
-    const auto result = ocpctl({"params", "get", "0x21", "limit_torque", "0x80", "Mode"});
+TEST(Ocpctl, ParamsGetByNameOrCodeWithMeanings) {
+    const auto result = ocpctl({"params", "get", "0x21", "limit_torque", "0x80", "Mode", "ADDRESS", "0x85", "k_damp"});
     ASSERT_EQ(result.exit_status, 0) << result.err;
     EXPECT_EQ(result.out,
               "LIMIT_TORQUE           10\n"
               "DEVICE_80              20000\n"
-              "MODE                   6\n");
+              "MODE                   6 (SPEED)\n"
+              "ADDRESS                0x21\n"
+              "CAN_HIGH_SPEED         0 (off)\n"
+              "K_DAMP                 0.1\n");
+}
+
+TEST(Ocpctl, InfoDecodesTheErrorWord) {
+    const auto result = ocpctl({"info", "0x21"});
+    ASSERT_EQ(result.exit_status, 0) << result.err;
+    EXPECT_NE(result.out.find("\nERRORS_90        0x00000000 (no error)\n"), std::string::npos) << result.out;
+}
+
+nlohmann::json read_json(const fs::path& path) {
+    std::ifstream file(path);
+    return nlohmann::json::parse(file);
+}
+
+TEST(Ocpctl, ParamsDumpListsAllWithNamesCodesAndValues) {
+    const auto result = ocpctl({"params", "dump", "0x21"});
+    ASSERT_EQ(result.exit_status, 0) << result.err;
+    const auto lines = lines_of(result.out);
+    ASSERT_EQ(lines.size(), 3u + 31u + 2u);
+    EXPECT_EQ(lines[0], "{");
+    EXPECT_EQ(lines[1], "  \"address\": \"0x21\",");
+    EXPECT_EQ(lines[3], "    {\"name\":\"K_DAMP\",\"code\":\"0x01\",\"value\":0.1},");
+    EXPECT_EQ(lines[18], "    {\"name\":\"MODE\",\"code\":\"0x30\",\"value\":6},");
+    EXPECT_EQ(lines[28], "    {\"name\":\"DEVICE_80\",\"code\":\"0x80\",\"value\":20000},");
+    EXPECT_EQ(lines[29], "    {\"name\":\"ADDRESS\",\"code\":\"0x81\",\"value\":33},");
+    const auto json = nlohmann::json::parse(result.out);
+    for (const auto& entry : json["parameters"]) {
+        const std::string name = entry["name"];
+        const bool integer = name == "MODE" || name == "ADDRESS" || name.rfind("DEVICE_", 0) == 0;
+        EXPECT_EQ(entry["value"].is_number_integer(), integer) << name;
+    }
+}
+
+TEST(Ocpctl, ParamsLoadWritesReadsBackAndRoundTrips) {
+    const fs::path first = scratch_path("first.json"), changed = scratch_path("changed.json"),
+                   after = scratch_path("after.json");
+    ASSERT_EQ(ocpctl({"params", "dump", "0x22", "--out", first.string()}).exit_status, 0);
+    auto document = read_json(first);
+    for (auto& entry : document["parameters"]) {
+        if (entry["name"] == "LIMIT_TORQUE") entry["value"] = 2.5;
+        if (entry["name"] == "K_STIFF") entry["value"] = 40.0;
+        if (entry["name"] == "MODE") entry["value"] = 8;
+        if (entry["name"] == "DEVICE_83") entry["value"] = 12;
+    }
+    std::ofstream(changed) << document.dump(2);
+    const auto load = ocpctl({"params", "load", "0x22", changed.string(), "--out", after.string()});
+    ASSERT_EQ(load.exit_status, 0) << load.err;
+    EXPECT_EQ(load.out, "0x22: 31 parameters loaded and read back equal (not saved: ocpctl save or --save keeps them)\n");
+    // What the device holds after the load is exactly the file loaded.
+    EXPECT_EQ(read_json(after), document);
+    EXPECT_NE(read_json(after), read_json(first));
+    // And loading the first dump over the changed device gives the first back.
+    const auto back = ocpctl({"params", "load", "0x22", first.string(), "--out", after.string(), "--save"});
+    ASSERT_EQ(back.exit_status, 0) << back.err;
+    EXPECT_EQ(back.out, "0x22: 31 parameters loaded and read back equal; configuration saved\n");
+    EXPECT_EQ(read_json(after), read_json(first));
+    fs::remove(first);
+    fs::remove(changed);
+    fs::remove(after);
+}
+
+TEST(Ocpctl, ParamsLoadPrintsWhatDiffersAndDoesNotSave) {
+    const fs::path file = scratch_path("mode.json");
+    std::ofstream(file) << R"({"parameters": {"MODE": 7.9, "LIMIT_TORQUE": 3}})";
+    const auto result = ocpctl({"params", "load", "0x21", file.string(), "--save"});
+    EXPECT_EQ(result.exit_status, 1);
+    EXPECT_EQ(result.out,
+              "MODE                   wrote 7.9, the device holds 7 (POSITION)\n"
+              "0x21: 1 of 2 parameters differ from the file; nothing saved\n");
+    fs::remove(file);
+}
+
+TEST(Ocpctl, ParamsLoadChecksTheWholeFileFirst) {
+    const fs::path file = scratch_path("bad.json");
+    const std::string name = file.string();
+    const std::pair<std::string, std::string> cases[] = {
+        {R"({"parameters": [{"name": "LIMIT_TORQUE", "value": 2}, {"name": "TORQUE_LIMIT", "value": 1}]})",
+         "ocpctl: unknown parameter 'TORQUE_LIMIT' (expected one of K_DAMP,"},
+        {R"({"parameters": [{"name": "LIMIT_TORQUE", "value": "high"}]})",
+         "ocpctl: " + name + ": entry 1: the value of LIMIT_TORQUE is not a number\n"},
+        {R"({"parameters": [{"code": "0x04", "value": 1e39}]})",
+         "ocpctl: " + name + ": entry 1: the value of LIMIT_TORQUE is out of range\n"},
+        {R"({"parameters": [{"name": "K_DAMP", "code": "0x02", "value": 1}]})",
+         "ocpctl: " + name + ": entry 1: name K_DAMP and code 0x02 differ\n"},
+        {R"({"parameters": {"K_DAMP": 1, "k_damp": 2}})", "ocpctl: " + name + " gives K_DAMP twice\n"},
+        {R"({"parameters": {"ADDRESS": 34}})",
+         "ocpctl: " + name + " is for the device at 0x22, not 0x21 (ocpctl address moves a device)\n"},
+        {R"({"values": {}})", "ocpctl: " + name + " has no \"parameters\" (write one with ocpctl params dump)\n"},
+        {R"({"parameters": [)", "ocpctl: " + name + " is not JSON: "},
+    };
+    for (const auto& [text, message] : cases) {
+        std::ofstream(file) << text;
+        // Status 2 and nothing on standard output: the file was refused
+        // before anything was sent.
+        const auto result = ocpctl({"params", "load", "0x21", name});
+        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(result.exit_status, 2) << text;
+        EXPECT_EQ(result.err.compare(0, message.size(), message), 0) << result.err;
+        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+    }
+    fs::remove(file);
+    const auto missing = ocpctl({"params", "load", "0x21", name});
+    EXPECT_EQ(missing.exit_status, 2);
+    EXPECT_EQ(missing.err, "ocpctl: cannot read " + name + ": No such file or directory\n");
 }
 
 TEST(Ocpctl, ParamsSetPrintsWhatTheDeviceHolds) {
@@ -136,7 +239,7 @@ TEST(Ocpctl, ParamsSetPrintsWhatTheDeviceHolds) {
     EXPECT_EQ(result.out,
               "LIMIT_TORQUE           2.5\n"
               "K_STIFF                4\n"
-              "MODE                   7\n"
+              "MODE                   7 (POSITION)\n"
               "DEVICE_83              12\n");
 }
 
@@ -162,6 +265,16 @@ TEST(Ocpctl, AddressChange) {
     const auto unsaved = ocpctl({"address", "0x22", "0x31"});
     EXPECT_EQ(unsaved.exit_status, 0) << unsaved.err;
     EXPECT_EQ(unsaved.out, "0x22 -> 0x31 (not saved: back at 0x22 after a power cycle)\n");
+}
+
+TEST(Ocpctl, AddressRefusesAnAddressInUseUnlessForced) {
+    const auto refused = ocpctl({"address", "0x21", "0x22"});
+    EXPECT_EQ(refused.exit_status, 2);
+    EXPECT_EQ(refused.err, "ocpctl: another device answers at 0x22; 0x21 stays where it is (--force moves it anyway)\n");
+    EXPECT_EQ(refused.out, "");
+    const auto forced = ocpctl({"address", "0x21", "0x22", "--force"});
+    EXPECT_EQ(forced.exit_status, 0) << forced.err;
+    EXPECT_EQ(forced.out, "0x21 -> 0x22 (not saved: back at 0x21 after a power cycle)\n");
 }
 
 TEST(Ocpctl, StreamCsvHeaderAndRowCount) {
@@ -217,18 +330,77 @@ TEST(Ocpctl, SimulateWritesTheSimulatedActuatorsOwnSteps) {
     fs::remove(out);
 }
 
-TEST(Ocpctl, SimulatePlotIsAPng) {
+// Width and height from a PNG's header chunk.
+std::pair<uint32_t, uint32_t> png_size(const fs::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    unsigned char header[24] = {};
+    file.read(reinterpret_cast<char*>(header), sizeof header);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(header), 8), std::string("\x89PNG\r\n\x1a\n", 8));
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(header) + 12, 4), "IHDR");
+    const auto word = [&](int at) {
+        return (uint32_t{header[at]} << 24) | (uint32_t{header[at + 1]} << 16) | (uint32_t{header[at + 2]} << 8) |
+               uint32_t{header[at + 3]};
+    };
+    return {word(16), word(20)};
+}
+
+std::string read_text(const fs::path& path) {
+    std::ifstream file(path);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+}
+
+std::size_t count_of(const std::string& text, const std::string& what) {
+    std::size_t count = 0;
+    for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++count;
+    return count;
+}
+
+// The three panels of a gnuplot multiplot in SVG: one group per series,
+// named gnuplot_plot_<series><panel letter>.
+void expect_three_panels_with_setpoint(const std::string& svg) {
+    EXPECT_NE(svg.find("width=\"1000\" height=\"800\""), std::string::npos);
+    EXPECT_EQ(count_of(svg, "<g id=\"gnuplot_plot_1a\""), 1u);
+    EXPECT_EQ(count_of(svg, "<g id=\"gnuplot_plot_1b\""), 1u);
+    EXPECT_EQ(count_of(svg, "<g id=\"gnuplot_plot_1c\""), 1u);
+    EXPECT_EQ(count_of(svg, "<g id=\"gnuplot_plot_1d\""), 0u);
+    for (const char* label : {">position</tspan></text>", ">speed</tspan></text>", ">torque</tspan></text>"})
+        EXPECT_EQ(count_of(svg, label), 1u) << "axis label " << label;
+    EXPECT_EQ(count_of(svg, "<text>setpoint</text>"), 1u) << "the setpoint's legend";
+}
+
+TEST(Ocpctl, SimulatePlotIsAPngOfFixedSize) {
     const fs::path png = scratch_path("plot.png");
     const auto result = ocpctl({"simulate", "--mode", "speed", "--setpoint", "2", "--load", "0.5", "--plot", png.string()});
     ASSERT_EQ(result.exit_status, 0) << result.err;
     EXPECT_EQ(result.err, "ocpctl: plot written to " + png.string() + "\n");
-    std::ifstream file(png, std::ios::binary);
-    char signature[8] = {};
-    file.read(signature, 8);
-    EXPECT_EQ(std::string(signature, 8), std::string("\x89PNG\r\n\x1a\n", 8));
-    EXPECT_GT(fs::file_size(png), 1000u);
+    EXPECT_EQ(png_size(png), std::make_pair(1000u, 800u));
+    EXPECT_GT(fs::file_size(png), 10000u);
     EXPECT_EQ(result.out, "") << "with --plot and no --out nothing goes to stdout";
     fs::remove(png);
+}
+
+TEST(Ocpctl, SimulatePlotAsSvgHasAPanelPerQuantityAndTheSetpoint) {
+    const fs::path svg_path = scratch_path("plot.SVG");
+    const auto result = ocpctl({"simulate", "--mode", "impedance", "--setpoint", "0.5", "--stiffness", "40", "--damping",
+                                "3", "--load", "0.25", "--plot", svg_path.string()});
+    ASSERT_EQ(result.exit_status, 0) << result.err;
+    const std::string svg = read_text(svg_path);
+    expect_three_panels_with_setpoint(svg);
+    EXPECT_NE(svg.find("<text>simulated IMPEDANCE setpoint 0.5, stiffness 40, damping 3, load 0.25</text>"), std::string::npos);
+    EXPECT_NE(svg.find("<text>position (POS_FB_4C)</text>"), std::string::npos);
+    EXPECT_NE(svg.find(">simulated time (s)</tspan></text>"), std::string::npos);
+    fs::remove(svg_path);
+}
+
+TEST(Ocpctl, PlotIntoAnUnwritablePlaceIsOneLineAndNoImageOnStdout) {
+    // A directory named like a picture cannot be written, even by root.
+    const fs::path directory = scratch_path("plot.png");
+    fs::create_directory(directory);
+    const auto result = ocpctl({"simulate", "--mode", "speed", "--setpoint", "1", "--plot", directory.string()});
+    fs::remove_all(directory);
+    EXPECT_EQ(result.exit_status, 2);
+    EXPECT_EQ(result.err, "ocpctl: cannot write plot " + directory.string() + ": Is a directory\n");
+    EXPECT_EQ(result.out, "");
 }
 
 struct BadInput {
@@ -262,6 +434,20 @@ TEST(Ocpctl, BadInputIsRejectedWithStatusTwo) {
          "ocpctl: invalid option 'fast' in bus 'socketcan:can0,fast' (expected fd, or dlen= one of 8, 12, 16, 20, 24, "
          "32, 48, 64)\n"},
         {{"address", "0x21", "0x21"}, "ocpctl: the device already has address 0x21\n"},
+        {{"move", "0x21", "--mode", "speed", "--setpoint", "nan"}, "ocpctl: invalid setpoint 'nan' (expected a finite number)\n"},
+        {{"move", "0x21", "--mode", "impedance", "--setpoint", "1", "--stiffness", "-inf"},
+         "ocpctl: invalid stiffness '-inf' (expected a finite number)\n"},
+        {{"simulate", "--mode", "torque", "--setpoint", "1", "--load", "infinity"},
+         "ocpctl: invalid load 'infinity' (expected a finite number)\n"},
+        {{"params", "set", "0x21", "LIMIT_TORQUE=NaN"}, "ocpctl: invalid LIMIT_TORQUE value 'NaN' (expected a finite number)\n"},
+        {{"sacn"}, "ocpctl: unknown command 'sacn'; did you mean 'scan'? (see ocpctl --help)\n"},
+        {{"--bus", "sim", "strem", "0x21"}, "ocpctl: unknown command 'strem'; did you mean 'stream'? (see ocpctl --help)\n"},
+        {{"params", "gte", "0x21"}, "ocpctl: unknown params command 'gte'; did you mean 'get'? (see ocpctl --help)\n"},
+        {{"list", "parms"}, "ocpctl: unknown list command 'parms'; did you mean 'params'? (see ocpctl --help)\n"},
+        {{"simulate", "--mode", "speed", "--setpoint", "1", "--plot", "speed.jpg"},
+         "ocpctl: cannot draw 'speed.jpg': the plot format comes from the file name, .png or .svg\n"},
+        {{"simulate", "--mode", "speed", "--setpoint", "1", "--plot", "/nonexistent-dir/speed.png"},
+         "ocpctl: cannot write plot /nonexistent-dir/speed.png: No such file or directory\n"},
     };
     for (const auto& bad : cases) {
         const auto result = ocpctl(bad.args);
@@ -270,6 +456,82 @@ TEST(Ocpctl, BadInputIsRejectedWithStatusTwo) {
         EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << "one line: " << result.err;
         EXPECT_EQ(result.out, "");
     }
+}
+
+TEST(Ocpctl, AHugeArgumentIsCutInTheErrorLine) {
+    const std::string huge(100000, 'x');
+    for (const auto& args : {std::vector<std::string>{"info", huge}, std::vector<std::string>{huge},
+                             std::vector<std::string>{"stream", "0x21", "--items", "POS_FB_4C," + huge},
+                             std::vector<std::string>{"params", "set", "0x21", "LIMIT_TORQUE=" + huge}}) {
+        const auto result = ocpctl(args);
+        EXPECT_EQ(result.exit_status, 2);
+        EXPECT_LT(result.err.size(), 1200u) << result.err.substr(0, 200);
+        EXPECT_NE(result.err.find(std::string(60, 'x') + "... (100000 characters)"), std::string::npos)
+            << result.err.substr(0, 300);
+        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1);
+    }
+}
+
+TEST(Ocpctl, StreamIntoAPipeThatClosesStopsQuietly) {
+    // As `ocpctl stream ... | head -2`: rows arrive one by one while the
+    // stream runs (it has no end of its own), and closing the pipe ends it.
+    ocp_test::ProcessEvents events;
+    events.close_stdout_after_lines = 2;
+    const auto result = run_process({OCPCTL_PATH, "stream", "0x21", "--items", "POS_FB_4C", "--rate", "100"}, events);
+    EXPECT_EQ(result.exit_status, 141);
+    EXPECT_EQ(result.err, "") << "quietly";
+    EXPECT_EQ(result.out.rfind("time_s,POS_FB_4C\n", 0), 0u) << result.out;
+    EXPECT_GE(result.exit_delay.count(), 0);
+    EXPECT_LT(result.exit_delay.count(), 1000) << "ms from the closed pipe to the exit";
+    std::printf("stream exited %lld ms after its reader closed the pipe\n",
+                static_cast<long long>(result.exit_delay.count()));
+}
+
+TEST(Ocpctl, CtrlCEndsTheWaitForASilentDevice) {
+    ocp_test::ProcessEvents events;
+    events.signal_when_caught = SIGINT;
+    const auto result = run_process(
+        {OCPCTL_PATH, "--timeout", "60", "move", "0x30", "--mode", "speed", "--setpoint", "1"}, events);
+    EXPECT_EQ(result.exit_status, 128 + SIGINT);
+    EXPECT_EQ(result.err, "ocpctl: interrupted while waiting for 0x30\n");
+    EXPECT_EQ(result.out, "");
+    EXPECT_GE(result.exit_delay.count(), 0);
+    // The wait is sliced into 50 ms pings; allow for a loaded machine.
+    EXPECT_LT(result.exit_delay.count(), 500) << "ms from SIGINT to the exit";
+    std::printf("exited %lld ms after SIGINT\n", static_cast<long long>(result.exit_delay.count()));
+}
+
+TEST(Ocpctl, ListItemsAndParameters) {
+    const auto items = ocpctl({"list", "items"});
+    ASSERT_EQ(items.exit_status, 0) << items.err;
+    const auto item_lines = lines_of(items.out);
+    ASSERT_EQ(item_lines.size(), 1u + 48u);
+    EXPECT_EQ(item_lines[0], "CODE   NAME                 TYPE  MEANING");
+    EXPECT_EQ(item_lines[1], "0x41   POS_FB_41            f32   position feedback");
+    EXPECT_EQ(item_lines[2], "0x42   ITEM_42              u32   unsigned integer quantity");
+    EXPECT_EQ(item_lines[10], "0x4a   ITEM_4A              i32   signed integer quantity");
+    EXPECT_EQ(item_lines[48], "0x9a   ITEM_9A              f32   quantity not named");
+    EXPECT_NE(items.out.find("0x90   ERRORS_90            u32   error state word"), std::string::npos);
+
+    const auto parameters = ocpctl({"list", "params"});
+    ASSERT_EQ(parameters.exit_status, 0) << parameters.err;
+    const auto parameter_lines = lines_of(parameters.out);
+    ASSERT_EQ(parameter_lines.size(), 1u + 31u);
+    EXPECT_EQ(parameter_lines[1], "0x01   K_DAMP               f32   impedance damping gain");
+    EXPECT_EQ(parameter_lines[16].rfind("0x30   MODE                 mode  current control mode", 0), 0u);
+    EXPECT_EQ(parameter_lines[26], "0x80   DEVICE_80            u32   integer device setting");
+    EXPECT_EQ(parameter_lines[31], "0x85   CAN_HIGH_SPEED       f32   CAN high-speed flag (1 on, 0 off)");
+    for (const auto& line : parameter_lines) EXPECT_EQ(line.find("  \n"), std::string::npos);
+}
+
+TEST(Ocpctl, CodesAreAcceptedWhereNamesAre) {
+    const auto stream = ocpctl({"stream", "0x21", "--items", "0x4c,vbus_70", "--rate", "50", "--duration", "0.1"});
+    ASSERT_EQ(stream.exit_status, 0) << stream.err;
+    EXPECT_EQ(lines_of(stream.out).at(0), "time_s,POS_FB_4C,VBUS_70");
+    const auto get = ocpctl({"params", "get", "0x21", "0x04"});
+    ASSERT_EQ(get.exit_status, 0) << get.err;
+    EXPECT_EQ(get.out, "LIMIT_TORQUE           10\n");
+    EXPECT_EQ(ocpctl({"stream", "0x21", "--items", "0x4e"}).exit_status, 2) << "0x4e is no item";
 }
 
 // Here the host may have no CAN stack at all; inside the VM the exact reasons
@@ -314,14 +576,99 @@ TEST(Ocpctl, MoveRunsForItsTimeAndReports) {
     EXPECT_EQ(result.err.rfind("0x21: POSITION 1 for 0.5 s (Ctrl-C stops it)\n", 0), 0u) << result.err;
 }
 
-TEST(Ocpctl, WatchPrintsATablePerRefresh) {
-    const auto result = ocpctl({"watch", "0x21", "0x23", "--for", "0.3"});
+TEST(Ocpctl, WatchInAPipePrintsTimestampedRowsThatFitEightyColumns) {
+    const auto result = ocpctl({"--bus", "sim:0x21,0x23", "watch", "0x21", "0x30", "0x23", "--for", "0.6"});
     ASSERT_EQ(result.exit_status, 0) << result.err;
     const auto lines = lines_of(result.out);
-    ASSERT_GE(lines.size(), 4u);
-    EXPECT_EQ(lines[0].rfind("ADDRESS ", 0), 0u);
-    EXPECT_EQ(lines[1].rfind("0x21 ", 0), 0u);
-    EXPECT_EQ(lines[2].rfind("0x23 ", 0), 0u);
+    ASSERT_GE(lines.size(), 1u + 2u * 3u) << "a header and at least two refreshes";
+    EXPECT_EQ(lines[0], "  TIME_S ADDR     POS_FB_4C   SPD_FB_45     T_FB_56     VBUS_70   TEMP_WIND");
+    EXPECT_EQ((lines.size() - 1) % 3, 0u);
+    for (const auto& line : lines) EXPECT_LE(line.size(), 80u) << line;
+    for (std::size_t row = 1; row < lines.size(); row += 3) {
+        EXPECT_EQ(lines[row].substr(8), " 0x21             0           0           0          48          25");
+        EXPECT_EQ(lines[row + 1].substr(8), " 0x30     no answer");
+        EXPECT_EQ(lines[row + 2].substr(8), " 0x23             0           0           0          48          25");
+        EXPECT_EQ(lines[row].substr(0, 8), lines[row + 2].substr(0, 8)) << "one time stamp per refresh";
+    }
+    EXPECT_EQ(lines[1].substr(0, 8), "    0.25");
+    EXPECT_EQ(result.out.find("TIME_S", 10), std::string::npos) << "the header is printed once";
+}
+
+TEST(Ocpctl, MovePlotDrawsTheMoveItMade) {
+    const fs::path png = scratch_path("move.png");
+    const auto result = ocpctl({"move", "0x21", "--mode", "position", "--setpoint", "1", "--for", "0.5", "--plot",
+                                png.string()});
+    ASSERT_EQ(result.exit_status, 0) << result.err;
+    EXPECT_NE(result.err.find("ocpctl: plot written to " + png.string() + "\n"), std::string::npos);
+    EXPECT_EQ(png_size(png), std::make_pair(1000u, 800u));
+    EXPECT_EQ(result.out.rfind("0x21 position ", 0), 0u);
+    const fs::path svg = scratch_path("move.svg");
+    ASSERT_EQ(ocpctl({"move", "0x21", "--mode", "speed", "--setpoint", "2", "--for", "0.3", "--plot", svg.string()})
+                  .exit_status,
+              0);
+    const std::string text = read_text(svg);
+    expect_three_panels_with_setpoint(text);
+    EXPECT_NE(text.find("<text>0x21 SPEED setpoint 2</text>"), std::string::npos);
+    fs::remove(png);
+    fs::remove(svg);
+}
+
+TEST(Ocpctl, StreamPlotDrawsWhatWasStreamed) {
+    const fs::path svg = scratch_path("stream.svg");
+    const auto result = ocpctl({"stream", "0x22", "--items", "POS_FB_4C,SPD_FB_45,T_FB_56,REF_4B", "--rate", "100",
+                                "--duration", "0.3", "--plot", svg.string()});
+    ASSERT_EQ(result.exit_status, 0) << result.err;
+    EXPECT_EQ(result.err, "ocpctl: plot written to " + svg.string() + "\n");
+    EXPECT_EQ(lines_of(result.out).at(0), "time_s,POS_FB_4C,SPD_FB_45,T_FB_56,REF_4B") << "the rows still go out";
+    const std::string text = read_text(svg);
+    expect_three_panels_with_setpoint(text);
+    EXPECT_NE(text.find("<text>0x22 streamed at 100 Hz</text>"), std::string::npos);
+    fs::remove(svg);
+    const auto nothing_to_draw = ocpctl({"stream", "0x22", "--items", "VBUS_70", "--plot", svg.string()});
+    EXPECT_EQ(nothing_to_draw.exit_status, 2);
+    EXPECT_EQ(nothing_to_draw.err.rfind("ocpctl: --plot draws position, speed or torque: stream one of", 0), 0u);
+}
+
+TEST(Ocpctl, ManualPageIsMadeFromTheHelp) {
+#ifdef OCPCTL_MAN_PATH
+    const std::string page = read_text(OCPCTL_MAN_PATH);
+    EXPECT_EQ(page.find(".TH OCPCTL \"1\""), page.find(".TH")) << page.substr(0, 300);
+    EXPECT_NE(page.find(".TH OCPCTL \"1\""), std::string::npos);
+    EXPECT_NE(page.find(std::string("ocpctl ") + ocp_api::VERSION_TEXT), std::string::npos);
+    for (const char* command : {"scan", "params", "move", "stream", "watch", "simulate", "list"})
+        EXPECT_NE(page.find(std::string("\n") + command), std::string::npos) << command;
+#else
+    GTEST_SKIP() << "help2man was not found at configure time";
+#endif
+}
+
+// What bash offers after the words typed so far (the last one is completed).
+std::vector<std::string> complete(const std::string& line) {
+    const std::string directory = fs::path(OCPCTL_PATH).parent_path().string();
+    const std::string script = "PATH='" + directory + "':$PATH; source '" OCPCTL_COMPLETION_PATH "'; " +
+                               "COMP_LINE='" + line + "'; read -ra COMP_WORDS <<< \"$COMP_LINE\"; " +
+                               "[[ $COMP_LINE == *' ' ]] && COMP_WORDS+=(''); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); " +
+                               "_ocpctl; printf '%s\\n' \"${COMPREPLY[@]}\"";
+    const auto result = run_process({"/bin/bash", "--norc", "-c", script});
+    EXPECT_EQ(result.exit_status, 0) << result.err;
+    EXPECT_EQ(result.err, "");
+    auto words = lines_of(result.out);
+    std::sort(words.begin(), words.end());
+    return words;
+}
+
+TEST(Ocpctl, BashCompletionCompletesSubcommandsOptionsAndNames) {
+    using Words = std::vector<std::string>;
+    EXPECT_EQ(complete("ocpctl sc"), Words({"scan"}));
+    EXPECT_EQ(complete("ocpctl s"), Words({"save", "scan", "simulate", "start", "stop", "stream"}));
+    EXPECT_EQ(complete("ocpctl params "), Words({"dump", "get", "load", "set"}));
+    EXPECT_EQ(complete("ocpctl --bus sim list "), Words({"items", "params"}));
+    EXPECT_EQ(complete("ocpctl move 0x21 --mode p"), Words({"position"}));
+    EXPECT_EQ(complete("ocpctl stream 0x21 --items POS_FB_4C,SPD"), Words({"POS_FB_4C,SPD_FB_45"}));
+    EXPECT_EQ(complete("ocpctl params get 0x21 LIMIT_T"), Words({"LIMIT_TORQUE"}));
+    EXPECT_EQ(complete("ocpctl address 0x21 0x30 --f"), Words({"--force"}));
+    // Every subcommand in the help is offered.
+    EXPECT_EQ(complete("ocpctl ").size(), 18u);
 }
 
 TEST(Ocpctl, DemoRunsToTheEnd) {

@@ -7,6 +7,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <fstream>
 #include <stdexcept>
 
 extern char** environ;
@@ -14,6 +16,8 @@ extern char** environ;
 namespace ocp_test {
 
 namespace {
+
+using Clock = std::chrono::steady_clock;
 
 // Reads what is there; false at end of file.
 bool drain(int fd, std::string& into) {
@@ -23,10 +27,25 @@ bool drain(int fd, std::string& into) {
     return n > 0 || (n < 0 && errno == EINTR);
 }
 
-}  // namespace
+// True once the process has a handler of its own for `signal_number`.
+bool catches_signal(pid_t pid, int signal_number) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("SigCgt:", 0) == 0) {
+            const unsigned long long mask = std::stoull(line.substr(7), nullptr, 16);
+            return ((mask >> (signal_number - 1)) & 1ull) != 0;
+        }
+    }
+    return false;
+}
 
-ProcessResult run_process(const std::vector<std::string>& argv, const std::function<int(const std::string&)>& on_stderr,
-                          std::chrono::seconds limit) {
+struct Child {
+    pid_t pid = 0;
+    int out = -1;
+    int err = -1;
+};
+
+Child spawn(const std::vector<std::string>& argv) {
     int out_pipe[2], err_pipe[2];
     if (pipe(out_pipe) != 0 || pipe(err_pipe) != 0) throw std::runtime_error("pipe failed");
     posix_spawn_file_actions_t actions;
@@ -39,8 +58,8 @@ ProcessResult run_process(const std::vector<std::string>& argv, const std::funct
     std::vector<char*> args;
     for (const auto& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
     args.push_back(nullptr);
-    pid_t pid = 0;
-    const int spawned = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ);
+    Child child;
+    const int spawned = posix_spawn(&child.pid, args[0], &actions, nullptr, args.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     close(out_pipe[1]);
     close(err_pipe[1]);
@@ -49,34 +68,87 @@ ProcessResult run_process(const std::vector<std::string>& argv, const std::funct
         close(err_pipe[0]);
         throw std::runtime_error("cannot start " + argv[0]);
     }
+    child.out = out_pipe[0];
+    child.err = err_pipe[0];
+    return child;
+}
 
+int wait_for_exit(pid_t pid) {
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+}  // namespace
+
+ProcessResult run_process(const std::vector<std::string>& argv, const std::function<int(const std::string&)>& on_stderr,
+                          std::chrono::seconds limit) {
+    const Child child = spawn(argv);
     ProcessResult result;
-    const auto deadline = std::chrono::steady_clock::now() + limit;
+    const auto deadline = Clock::now() + limit;
     bool out_open = true, err_open = true, signalled = false;
     while (out_open || err_open) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            kill(pid, SIGKILL);  // a hang: fail the test instead of waiting forever
+        if (Clock::now() > deadline) {
+            kill(child.pid, SIGKILL);  // a hang: fail the test instead of waiting forever
             break;
         }
-        pollfd fds[2] = {{out_open ? out_pipe[0] : -1, POLLIN, 0}, {err_open ? err_pipe[0] : -1, POLLIN, 0}};
+        pollfd fds[2] = {{out_open ? child.out : -1, POLLIN, 0}, {err_open ? child.err : -1, POLLIN, 0}};
         if (poll(fds, 2, 100) <= 0) continue;
-        if (fds[0].revents != 0) out_open = drain(out_pipe[0], result.out);
+        if (fds[0].revents != 0) out_open = drain(child.out, result.out);
         if (fds[1].revents != 0) {
-            err_open = drain(err_pipe[0], result.err);
+            err_open = drain(child.err, result.err);
             if (on_stderr && !signalled) {
                 const int signal_number = on_stderr(result.err);
                 if (signal_number != 0) {
-                    kill(pid, signal_number);
+                    kill(child.pid, signal_number);
                     signalled = true;
                 }
             }
         }
     }
-    close(out_pipe[0]);
-    close(err_pipe[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    result.exit_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    close(child.out);
+    close(child.err);
+    result.exit_status = wait_for_exit(child.pid);
+    return result;
+}
+
+ProcessResult run_process(const std::vector<std::string>& argv, const ProcessEvents& events) {
+    const Child child = spawn(argv);
+    ProcessResult result;
+    const auto deadline = Clock::now() + events.limit;
+    bool out_open = true, err_open = true;
+    bool signal_pending = events.signal_when_caught != 0;
+    bool stdout_closed_early = false;
+    Clock::time_point event_time{};
+    while (out_open || err_open) {
+        if (Clock::now() > deadline) {
+            kill(child.pid, SIGKILL);
+            break;
+        }
+        if (signal_pending && catches_signal(child.pid, events.signal_when_caught)) {
+            kill(child.pid, events.signal_when_caught);
+            event_time = Clock::now();
+            signal_pending = false;
+        }
+        pollfd fds[2] = {{out_open ? child.out : -1, POLLIN, 0}, {err_open ? child.err : -1, POLLIN, 0}};
+        if (poll(fds, 2, signal_pending ? 5 : 100) <= 0) continue;
+        if (fds[0].revents != 0) {
+            out_open = drain(child.out, result.out);
+            const auto lines = static_cast<std::size_t>(std::count(result.out.begin(), result.out.end(), '\n'));
+            if (out_open && events.close_stdout_after_lines != 0 && lines >= events.close_stdout_after_lines) {
+                close(child.out);
+                out_open = false;
+                stdout_closed_early = true;
+                event_time = Clock::now();
+            }
+        }
+        if (fds[1].revents != 0) err_open = drain(child.err, result.err);
+    }
+    close(child.err);
+    if (!stdout_closed_early) close(child.out);
+    result.exit_status = wait_for_exit(child.pid);
+    if (event_time != Clock::time_point{})
+        result.exit_delay = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - event_time);
     return result;
 }
 

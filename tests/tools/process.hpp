@@ -12,6 +12,9 @@ struct ProcessResult {
     int exit_status = -1;  // the exit code, or 128 + signal when killed
     std::string out;
     std::string err;
+    // From the event that ProcessEvents asked for (the signal sent, standard
+    // output closed) to the child's exit; negative when there was none.
+    std::chrono::milliseconds exit_delay{-1};
 };
 
 // `on_stderr` sees the standard error text gathered so far each time more
@@ -19,5 +22,18 @@ struct ProcessResult {
 ProcessResult run_process(const std::vector<std::string>& argv,
                           const std::function<int(const std::string&)>& on_stderr = nullptr,
                           std::chrono::seconds limit = std::chrono::seconds(120));
+
+// Things to do to a running child, each timed until it exits.
+struct ProcessEvents {
+    // Sent as soon as the child has installed its own handler for it (read
+    // from /proc), so the test exercises the handler, not the default action.
+    int signal_when_caught = 0;
+    // Closes the reading end of the child's standard output after this many
+    // lines, as `head -n N` does.
+    std::size_t close_stdout_after_lines = 0;
+    std::chrono::seconds limit{120};
+};
+
+ProcessResult run_process(const std::vector<std::string>& argv, const ProcessEvents& events);
 
 }  // namespace ocp_test

@@ -11,7 +11,6 @@
 #include "ocp_api/socketcan_link.hpp"
 #include "tools/process.hpp"
 #include "vm/guest.hpp"
-#include "vm/slow_to_answer.hpp"
 
 namespace {
 
@@ -26,7 +25,7 @@ std::unique_ptr<CanDeviceHost> devices_on(const std::string& interface, bool fd)
     CanDeviceHostOptions options;
     options.isotp.fd = fd;
     auto host = std::make_unique<CanDeviceHost>(
-        std::make_unique<ocp_vm::SlowToAnswer>(std::make_unique<SocketCanLink>(interface, link)), options);
+        std::make_unique<SocketCanLink>(interface, link), options);
     host->add_actuator(0x21, 3, 0x0842);
     host->add_actuator(0x22, 2, 0x0903);
     return host;

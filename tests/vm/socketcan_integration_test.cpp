@@ -31,7 +31,6 @@
 #include "support/eventually.hpp"
 #include "support/stream_capture.hpp"
 #include "vm/guest.hpp"
-#include "vm/slow_to_answer.hpp"
 
 namespace {
 
@@ -175,7 +174,7 @@ TEST_P(SocketCanIntegration, ConnectAndScanFindExactlyTheEmulatedDevices) {
     CanDeviceHostOptions device_options;
     device_options.isotp.fd = GetParam().fd;
     auto devices = std::make_unique<CanDeviceHost>(
-        std::make_unique<ocp_vm::SlowToAnswer>(device_link_on(GetParam().interface(), GetParam().fd)), device_options);
+        device_link_on(GetParam().interface(), GetParam().fd), device_options);
     devices->add_actuator(0x21, 3, 0x0842);
     devices->add_actuator(0x23, 6, 0x0843);
     auto bus = open_bus_here();

@@ -22,6 +22,13 @@ struct DeviceError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// Ctrl-C or SIGTERM arrived while ocpctl waited; main() exits with
+// 128 + the signal number after the message.
+struct Interrupted : std::runtime_error {
+    Interrupted(const std::string& what, int signal_number) : std::runtime_error(what), signal(signal_number) {}
+    int signal;
+};
+
 // Identifiers named on the command line are parsed into the physical
 // actuator's enumerations; commands that drive the simulated actuator convert
 // them with ocp_api::identifier_cast.
@@ -48,13 +55,19 @@ Mode parse_mode(const std::string& name);
 int parse_rate(double hz);
 // A positive, finite number of seconds.
 double parse_seconds(double seconds, const std::string& option);
+// A finite number; nan and inf are refused like any other non-number.
 float parse_float(const std::string& text, const std::string& what);
 
-// Numbers as people read them: 20000, 0.1, -0.5, nan.
+// The one way ocpctl prints a number, in tables, CSV and JSON lines alike:
+// the shortest text that reads back as the same float (0.1, 2.5, -0.5),
+// whole numbers without exponent up to 10 digits (20000, 4294967296), "nan"
+// for an absent value.
 std::string format_value(float value);
-// Numbers that read back as the same float: 9 significant digits.
-std::string format_exact(float value);
 std::string format_seconds(double seconds);
+
+// A user-supplied text as it may appear in a one-line message: long texts
+// are cut to their first characters and their length.
+std::string shorten(const std::string& text);
 
 // What move and simulate command: a mode, its setpoint and, for impedance,
 // optional gains (NaN leaves the device's own gains in place).
@@ -70,6 +83,9 @@ struct MotionCommand {
 MotionCommand parse_motion(const std::string& mode, const std::string& setpoint, const std::string& stiffness,
                            const std::string& damping);
 
+// "POSITION setpoint 1", with the gains of an impedance command when given.
+std::string motion_title(const MotionCommand& command);
+
 // Sends the command's per-mode setpoint; written once for both actuator classes.
 template <typename Actuator>
 void command_motion(Actuator& actuator, const MotionCommand& command) {
@@ -83,10 +99,18 @@ void command_motion(Actuator& actuator, const MotionCommand& command) {
     }
 }
 
+// Pings until the actuator answers (true) or the time-out passes (false),
+// in short attempts so that a StopSignal in force ends the wait within a few
+// tens of milliseconds (throwing Interrupted).
+bool connect_interruptibly(ocp_api::OrreryActuator& actuator, int address, float timeout_s);
+
 // Connects an actuator or throws DeviceError naming the address and the wait.
+// Interruptible as connect_interruptibly.
 std::unique_ptr<ocp_api::OrreryActuator> connect_actuator(ocp_api::OCP& bus, int address, float timeout_s);
 
-// Ctrl-C and SIGTERM set a flag that long-running commands poll.
+// Ctrl-C and SIGTERM set a flag that long-running commands poll. A closed
+// output pipe is reported the same way (as SIGPIPE) by note_output_closed,
+// so a stream into `head` ends like one stopped by a signal, status 141.
 class StopSignal {
 public:
     StopSignal();   // installs the handlers
@@ -94,8 +118,10 @@ public:
     StopSignal(const StopSignal&) = delete;
     StopSignal& operator=(const StopSignal&) = delete;
 
-    bool raised() const;
-    int exit_status() const;  // 128 + the signal number, or 0
+    static bool raised();
+    static int signal_number();  // 0 when none arrived
+    static int exit_status();    // 128 + the signal number, or 0
+    static void note_output_closed();
     // Sleeps up to `duration`, waking early when a signal arrives.
     void sleep_for(std::chrono::milliseconds duration) const;
 };

@@ -2,10 +2,14 @@
 // save, clear, factory-reset, address, blink, home, start, stop, bootloader.
 #include <cmath>
 #include <cstdio>
+#include <cstring>
+#include <fstream>
 #include <memory>
+#include <set>
 
 #include <nlohmann/json.hpp>
 
+#include "catalogue.hpp"
 #include "commands.hpp"
 #include "session.hpp"
 
@@ -33,7 +37,8 @@ void print_parameters(int address, const std::vector<Parameter>& ids, const Para
         return;
     }
     for (const auto id : ids)
-        std::printf("%-22s %s\n", std::string(ocp_api::parameter_name(id)).c_str(), format_value(values.at(id)).c_str());
+        std::printf("%-22s %s\n", std::string(ocp_api::parameter_name(id)).c_str(),
+                    describe_value(id, values.at(id)).c_str());
 }
 
 // Reads `ids` from the device, or throws DeviceError if any stays unanswered.
@@ -87,7 +92,8 @@ int run_info(const InfoOptions& options, const GlobalOptions& global) {
     for (const auto item : items) {
         const auto found = values.find(item);
         if (found != values.end())
-            std::printf("%-16s %s\n", std::string(ocp_api::item_name(item)).c_str(), format_value(found->second).c_str());
+            std::printf("%-16s %s\n", std::string(ocp_api::item_name(item)).c_str(),
+                        describe_value(item, found->second).c_str());
     }
     return 0;
 }
@@ -138,6 +144,178 @@ int run_params_set(const ParamsSetOptions& options, const GlobalOptions& global)
     return 0;
 }
 
+// ---------------------------------------------------------------- params dump / load
+
+// A parameter value as JSON: whole numbers for integer parameters, and the
+// shortest decimal that reads back as the same float for the others (0.1,
+// not 0.100000001490116).
+nlohmann::ordered_json json_parameter_value(Parameter id, float value) {
+    if (!std::isfinite(value)) return nullptr;
+    if (parameter_is_integer(id) && value == std::trunc(value)) return static_cast<long long>(value);
+    return std::stod(format_value(value));
+}
+
+nlohmann::ordered_json parameters_document(int address, const std::vector<Parameter>& ids, const ParameterMap& values) {
+    nlohmann::ordered_json document;
+    document["address"] = hex(address);
+    document["parameters"] = nlohmann::ordered_json::array();
+    for (const auto id : ids) {
+        document["parameters"].push_back({{"name", std::string(ocp_api::parameter_name(id))},
+                                          {"code", code_text(id)},
+                                          {"value", json_parameter_value(id, values.at(id))}});
+    }
+    return document;
+}
+
+// Writes the document to `path`, or to standard output when it is empty.
+void write_document(const nlohmann::ordered_json& document, const std::string& path) {
+    // One parameter a line, so that the file reads (and diffs) like a table.
+    std::string text = "{\n  \"address\": " + document["address"].dump() + ",\n  \"parameters\": [\n";
+    const auto& parameters = document["parameters"];
+    for (std::size_t i = 0; i < parameters.size(); ++i)
+        text += "    " + parameters[i].dump() + (i + 1 < parameters.size() ? ",\n" : "\n");
+    text += "  ]\n}\n";
+    if (path.empty()) {
+        std::fputs(text.c_str(), stdout);
+        return;
+    }
+    std::ofstream file(path);
+    file << text;
+    file.close();
+    if (!file) throw UsageError("cannot write " + shorten(path) + ": " + std::strerror(errno));
+}
+
+// Fails before the bus is opened when the file cannot be written.
+void check_writable(const std::string& path) {
+    if (path.empty()) return;
+    std::FILE* file = std::fopen(path.c_str(), "a");
+    if (file == nullptr) throw UsageError("cannot write " + shorten(path) + ": " + std::strerror(errno));
+    std::fclose(file);
+}
+
+struct ParamsDumpOptions {
+    std::string address;
+    std::string out;
+};
+
+int run_params_dump(const ParamsDumpOptions& options, const GlobalOptions& global) {
+    const int address = parse_address(options.address);
+    check_writable(options.out);
+    const std::vector<Parameter> ids(ocp_api::OrreryActuator::ALL_PARAMETERS.begin(), ocp_api::OrreryActuator::ALL_PARAMETERS.end());
+    Session session(global, address, OnExit::LeaveAsFound);
+    write_document(parameters_document(address, ids, read_parameters(session, address, ids, global.timeout_s)), options.out);
+    return 0;
+}
+
+struct ParamsLoadOptions {
+    std::string address;
+    std::string file;
+    std::string out;
+    bool save = false;
+};
+
+// One entry of a parameters file: {"name": ..., "code": ..., "value": ...}
+// (either name or code suffices), or "NAME": value in an object.
+Parameter entry_parameter(const nlohmann::json& entry, const std::string& where) {
+    const bool has_name = entry.contains("name"), has_code = entry.contains("code");
+    if (!has_name && !has_code) throw UsageError(where + " has neither a name nor a code");
+    if (has_name && !entry["name"].is_string()) throw UsageError(where + ": name is not a text");
+    if (has_code && !entry["code"].is_string()) throw UsageError(where + ": code is not a text such as \"0x04\"");
+    const Parameter id = parse_parameter(has_name ? entry["name"].get<std::string>() : entry["code"].get<std::string>());
+    if (has_name && has_code && parse_parameter(entry["code"].get<std::string>()) != id)
+        throw UsageError(where + ": name " + entry["name"].get<std::string>() + " and code " +
+                         entry["code"].get<std::string>() + " differ");
+    return id;
+}
+
+float entry_value(const nlohmann::json& value, Parameter id, const std::string& where) {
+    if (!value.is_number())
+        throw UsageError(where + ": the value of " + std::string(ocp_api::parameter_name(id)) + " is not a number");
+    const double number = value.get<double>();
+    const auto as_float = static_cast<float>(number);
+    if (!std::isfinite(as_float))
+        throw UsageError(where + ": the value of " + std::string(ocp_api::parameter_name(id)) + " is out of range");
+    return as_float;
+}
+
+// Reads and checks the whole file; nothing is sent before this succeeds.
+std::vector<std::pair<Parameter, float>> read_parameters_file(const std::string& path, int address) {
+    std::ifstream file(path);
+    if (!file) throw UsageError("cannot read " + shorten(path) + ": " + std::strerror(errno));
+    nlohmann::json document;
+    try {
+        document = nlohmann::json::parse(file);
+    } catch (const nlohmann::json::exception& error) {
+        throw UsageError(shorten(path) + " is not JSON: " + error.what());
+    }
+    if (!document.is_object() || !document.contains("parameters"))
+        throw UsageError(shorten(path) + " has no \"parameters\" (write one with ocpctl params dump)");
+    std::vector<std::pair<Parameter, float>> entries;
+    const auto& parameters = document["parameters"];
+    if (parameters.is_array()) {
+        for (std::size_t i = 0; i < parameters.size(); ++i) {
+            const std::string where = shorten(path) + ": entry " + std::to_string(i + 1);
+            if (!parameters[i].is_object()) throw UsageError(where + " is not an object");
+            const Parameter id = entry_parameter(parameters[i], where);
+            if (!parameters[i].contains("value")) throw UsageError(where + " has no value");
+            entries.emplace_back(id, entry_value(parameters[i]["value"], id, where));
+        }
+    } else if (parameters.is_object()) {
+        for (const auto& [name, value] : parameters.items()) {
+            const Parameter id = parse_parameter(name);
+            entries.emplace_back(id, entry_value(value, id, shorten(path)));
+        }
+    } else {
+        throw UsageError(shorten(path) + ": \"parameters\" is neither a list nor an object");
+    }
+    std::set<Parameter> seen;
+    for (const auto& [id, value] : entries) {
+        if (!seen.insert(id).second)
+            throw UsageError(shorten(path) + " gives " + std::string(ocp_api::parameter_name(id)) + " twice");
+        if (id == Parameter::ADDRESS && value != static_cast<float>(address))
+            throw UsageError(shorten(path) + " is for the device at " + describe_value(id, value) + ", not " +
+                             hex(address) + " (ocpctl address moves a device)");
+    }
+    return entries;
+}
+
+int run_params_load(const ParamsLoadOptions& options, const GlobalOptions& global) {
+    const int address = parse_address(options.address);
+    const auto entries = read_parameters_file(options.file, address);
+    check_writable(options.out);
+    ParameterMap values;
+    std::vector<Parameter> ids;
+    for (const auto& [id, value] : entries) {
+        ids.push_back(id);
+        // The address is checked above; writing it would only repeat it.
+        if (id != Parameter::ADDRESS) values[id] = value;
+    }
+    Session session(global, address, OnExit::LeaveAsFound);
+    session.actuator().set_parameters(values);
+    const ParameterMap held = read_parameters(session, address, ids, global.timeout_s);
+    std::size_t differing = 0;
+    for (const auto& [id, value] : entries) {
+        if (held.at(id) == value) continue;
+        ++differing;
+        std::printf("%-22s wrote %s, the device holds %s\n", std::string(ocp_api::parameter_name(id)).c_str(),
+                    describe_value(id, value).c_str(), describe_value(id, held.at(id)).c_str());
+    }
+    if (!options.out.empty()) {
+        const std::vector<Parameter> all(ocp_api::OrreryActuator::ALL_PARAMETERS.begin(), ocp_api::OrreryActuator::ALL_PARAMETERS.end());
+        write_document(parameters_document(address, all, read_parameters(session, address, all, global.timeout_s)),
+                       options.out);
+    }
+    if (differing != 0) {
+        std::printf("%s: %zu of %zu parameters differ from the file; nothing saved\n", hex(address).c_str(), differing,
+                    entries.size());
+        return EXIT_DEVICE;
+    }
+    if (options.save) session.actuator().save_config();
+    std::printf("%s: %zu parameters loaded and read back equal%s\n", hex(address).c_str(), entries.size(),
+                options.save ? "; configuration saved" : " (not saved: ocpctl save or --save keeps them)");
+    return 0;
+}
+
 // ---------------------------------------------------------------- simple commands
 
 struct AddressOnly {
@@ -176,6 +354,7 @@ struct AddressOptions {
     std::string address;
     std::string new_address;
     bool save = false;
+    bool force = false;
 };
 
 int run_address(const AddressOptions& options, const GlobalOptions& global) {
@@ -183,6 +362,11 @@ int run_address(const AddressOptions& options, const GlobalOptions& global) {
     const int new_address = parse_address(options.new_address);
     if (new_address == address) throw UsageError("the device already has address " + hex(address));
     Session session(global, address, OnExit::LeaveAsFound);
+    // Two devices on one address answer together and cannot be told apart
+    // (nor separated) any more.
+    if (!options.force && answers_at(session.transport(), new_address, global.timeout_s))
+        throw UsageError("another device answers at " + hex(new_address) + "; " + hex(address) +
+                         " stays where it is (--force moves it anyway)");
     session.actuator().changeAddress(new_address);
     if (options.save) session.actuator().save_config();
     session.release_actuator();
@@ -208,6 +392,8 @@ void add_device_commands(CLI::App& app, const GlobalOptions& global, Runner& run
     {
         CLI::App* params = app.add_subcommand("params", "Read or write device parameters");
         params->require_subcommand(1);
+        params->footer("Examples:\n  ocpctl params get 0x21 MODE\n  ocpctl params dump 0x21 --out 0x21.json\n"
+                       "  ocpctl params load 0x21 0x21.json --save");
         auto get_options = std::make_shared<ParamsGetOptions>();
         CLI::App* get = params->add_subcommand("get", "Read parameters (all 31 when no name is given)");
         get->add_option("ADDR", get_options->address, "Actuator address")->required();
@@ -224,6 +410,27 @@ void add_device_commands(CLI::App& app, const GlobalOptions& global, Runner& run
         set->footer("Example:\n  ocpctl params set 0x21 LIMIT_TORQUE=2.5 k_stiff=4");
         set->callback([&runner, &global, set_options] {
             runner = [&global, set_options] { return run_params_set(*set_options, global); };
+        });
+        auto dump_options = std::make_shared<ParamsDumpOptions>();
+        CLI::App* dump = params->add_subcommand("dump", "Print all parameters as JSON, with names, codes and values");
+        dump->add_option("ADDR", dump_options->address, "Actuator address")->required();
+        dump->add_option("--out", dump_options->out, "File to write (default: standard output)");
+        dump->footer("Example:\n  ocpctl params dump 0x21 --out 0x21.json");
+        dump->callback([&runner, &global, dump_options] {
+            runner = [&global, dump_options] { return run_params_dump(*dump_options, global); };
+        });
+        auto load_options = std::make_shared<ParamsLoadOptions>();
+        CLI::App* load = params->add_subcommand(
+            "load", "Write the parameters of a JSON file, read them back and print what differs");
+        load->add_option("ADDR", load_options->address, "Actuator address")->required();
+        load->add_option("FILE", load_options->file, "A file written by params dump (or edited from one)")->required();
+        load->add_option("--out", load_options->out, "Also write all parameters as read back afterwards");
+        load->add_flag("--save", load_options->save, "Save the configuration when everything read back equal");
+        load->footer("Every name and value is checked before anything is sent. Exit status 1 when the\n"
+                     "device holds a value other than the file's (it is printed; nothing is saved).\n"
+                     "Example:\n  ocpctl params load 0x21 0x21.json --save");
+        load->callback([&runner, &global, load_options] {
+            runner = [&global, load_options] { return run_params_load(*load_options, global); };
         });
     }
     add_simple(app, global, runner, "save", "Store the parameters in the device's non-volatile memory",
@@ -273,7 +480,9 @@ void add_device_commands(CLI::App& app, const GlobalOptions& global, Runner& run
         address->add_option("ADDR", options->address, "Present address")->required();
         address->add_option("NEW", options->new_address, "New address, 0x10..0x3FFE")->required();
         address->add_flag("--save", options->save, "Save the configuration so the address survives a power cycle");
-        address->footer("Example:\n  ocpctl address 0x21 0x30 --save");
+        address->add_flag("--force", options->force, "Move even when another device answers at NEW");
+        address->footer("A device already answering at NEW makes the command refuse, unless --force.\n"
+                        "Example:\n  ocpctl address 0x21 0x30 --save");
         address->callback(
             [&runner, &global, options] { runner = [&global, options] { return run_address(*options, global); }; });
     }

@@ -1,4 +1,7 @@
-// ocpctl scan: the scanner's lines, then a summary table or JSON.
+// ocpctl scan: a table (or JSON) of the devices that answered; the scanner's
+// own lines serve as progress on a terminal.
+#include <unistd.h>
+
 #include <cstdio>
 #include <iostream>
 #include <memory>
@@ -24,6 +27,26 @@ struct FoundDevice {
     int address;
     std::string model;
     std::string firmware;
+};
+
+// Keeps what is written to it and, when asked, shows it on standard error
+// as it comes.
+class KeepAndEcho : public std::stringbuf {
+public:
+    explicit KeepAndEcho(bool echo) : echo_(echo) {}
+
+protected:
+    std::streamsize xsputn(const char* text, std::streamsize count) override {
+        if (echo_) std::fwrite(text, 1, static_cast<std::size_t>(count), stderr);
+        return std::stringbuf::xsputn(text, count);
+    }
+    int_type overflow(int_type c) override {
+        if (echo_ && c != traits_type::eof()) std::fputc(c, stderr);
+        return std::stringbuf::overflow(c);
+    }
+
+private:
+    bool echo_;
 };
 
 // Sends what is written to std::cout to `target` while it lives.
@@ -56,10 +79,12 @@ int run_scan(const ScanOptions& options, const GlobalOptions& global) {
     if (from > to) throw UsageError("--from " + options.from + " is above --to " + options.to);
     Bus bus(parse_bus(global.bus));
 
-    std::ostringstream scanner_lines;
+    // Each device is printed once on standard output, in the table; the
+    // scanner's lines go to a terminal's standard error as progress.
+    KeepAndEcho scanner_lines(isatty(STDERR_FILENO) != 0);
     std::vector<int> addresses;
     {
-        RedirectCout capture(scanner_lines.rdbuf());
+        RedirectCout capture(&scanner_lines);
         ocp_api::OrreryActuatorScanner scanner(bus.transport());
         if (!scanner.is_connected())
             throw DeviceError("no CAN adapter answered at address 0x0 after " + format_seconds(1.0));
@@ -86,9 +111,8 @@ int run_scan(const ScanOptions& options, const GlobalOptions& global) {
         }
         std::printf("%s\n", result.dump(2).c_str());
     } else {
-        std::fputs(scanner_lines.str().c_str(), stdout);
         if (!devices.empty()) {
-            std::printf("\n%-8s %-11s %s\n", "ADDRESS", "MODEL", "FIRMWARE");
+            std::printf("%-8s %-11s %s\n", "ADDRESS", "MODEL", "FIRMWARE");
             for (const auto& device : devices)
                 std::printf("%-8s %-11s %s\n", hex(device.address).c_str(),
                             device.model.empty() ? "?" : device.model.c_str(), device.firmware.c_str());

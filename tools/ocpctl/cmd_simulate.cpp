@@ -1,9 +1,8 @@
 // ocpctl simulate: a simulated-actuator scenario run as fast as it can, written
 // as CSV and optionally plotted with gnuplot.
-#include <unistd.h>
-
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -11,6 +10,7 @@
 #include <ocp_api/orrery_actuator.hpp>
 
 #include "commands.hpp"
+#include "plot.hpp"
 
 namespace ocpctl {
 
@@ -38,11 +38,18 @@ struct SimulateOptions {
     std::string plot;
 };
 
-// Runs the scenario and writes time and the items, one row per sample.
+const std::vector<Items> PLOTTED_ITEMS = {Items::POS_FB_4C, Items::SPD_FB_45, Items::T_FB_56};
+
+// Runs the scenario and writes time and the items, one row per sample; the
+// position, speed and torque of each sample also go to `plot`.
 void write_trajectory(std::ostream& out, const MotionCommand& command, float load, double seconds, int rate,
-                      const std::vector<Items>& items) {
+                      const std::vector<Items>& items, PlotSamples& plot) {
     ocp_api::OrreryActuatorVirtual sim(0x21);
-    sim.set_feedback_items(items);
+    std::vector<Items> recorded = items;
+    for (const auto item : PLOTTED_ITEMS) {
+        if (std::find(recorded.begin(), recorded.end(), item) == recorded.end()) recorded.push_back(item);
+    }
+    sim.set_feedback_items(recorded);
     sim.change_load(load);
     sim.start();
     command_motion(sim, command);
@@ -52,50 +59,20 @@ void write_trajectory(std::ostream& out, const MotionCommand& command, float loa
     for (const auto item : items) out << ',' << ocp_api::item_name(item);
     out << '\n';
     auto write_row = [&](const ocp_api::OrreryActuatorVirtual::FeedbackMap& feedback) {
+        const double time_s = static_cast<double>(sim.get_sim_time(6));
         char time[32];
-        std::snprintf(time, sizeof time, "%.6f", static_cast<double>(sim.get_sim_time(6)));
+        std::snprintf(time, sizeof time, "%.6f", time_s);
         out << time;
-        for (const auto item : items) out << ',' << format_exact(feedback.at(item));
+        for (const auto item : items) out << ',' << format_value(feedback.at(item));
         out << '\n';
+        plot.time_s.push_back(time_s);
+        plot.position.push_back(feedback.at(Items::POS_FB_4C));
+        plot.speed.push_back(feedback.at(Items::SPD_FB_45));
+        plot.torque.push_back(feedback.at(Items::T_FB_56));
+        plot.setpoint.push_back(command.setpoint);
     };
     write_row(sim.get_feedback());
     for (long i = 0; i < samples; ++i) write_row(sim.step(std::nullopt, steps_per_sample));
-}
-
-struct ScratchFile {
-    std::filesystem::path path;
-    ~ScratchFile() {
-        std::error_code ignored;
-        if (!path.empty()) std::filesystem::remove(path, ignored);
-    }
-};
-
-std::string quoted_for_gnuplot(const std::string& text) {
-    std::string quoted = "'";
-    for (const char c : text) quoted += c == '\'' ? std::string("''") : std::string(1, c);
-    return quoted + "'";
-}
-
-void plot_with_gnuplot(const std::string& csv_path, const std::string& png_path, std::size_t columns,
-                       const std::string& title) {
-    std::string script;
-    script += "set terminal png size 1000,600\n";
-    script += "set output " + quoted_for_gnuplot(png_path) + "\n";
-    script += "set datafile separator ','\n";
-    script += "set title " + quoted_for_gnuplot(title) + " noenhanced\n";
-    script += "set xlabel 'simulated time (s)'\n";
-    script += "set ylabel 'position, speed, torque (device units)'\n";
-    script += "set key outside right top noenhanced\n";
-    script += "set grid\n";
-    script += "set autoscale xfix\n";
-    script += "plot for [i=2:" + std::to_string(columns + 1) + "] " + quoted_for_gnuplot(csv_path) +
-              " using 1:i with lines linewidth 2 title columnheader(i)\n";
-    FILE* gnuplot = popen("gnuplot 2>&1", "w");
-    if (gnuplot == nullptr) throw DeviceError("cannot run gnuplot (install the Debian package gnuplot-nox)");
-    std::fputs(script.c_str(), gnuplot);
-    const int status = pclose(gnuplot);
-    if (status != 0 || !std::filesystem::exists(png_path) || std::filesystem::file_size(png_path) == 0)
-        throw DeviceError("gnuplot could not draw " + png_path + " (is the Debian package gnuplot-nox installed?)");
 }
 
 int run_simulate(const SimulateOptions& options) {
@@ -104,29 +81,32 @@ int run_simulate(const SimulateOptions& options) {
     const double seconds = parse_seconds(options.seconds, "--duration");
     const int rate = parse_rate(options.rate);
     const std::vector<Items> items = simulated_items(options.items);
+    if (!options.plot.empty()) check_plot_path(options.plot);
 
-    std::string csv_path = options.out;
-    ScratchFile scratch;
-    if (csv_path.empty() && !options.plot.empty()) {
-        // gnuplot reads a file; without --out the data goes to a scratch one.
-        scratch.path = std::filesystem::temp_directory_path() / ("ocpctl-simulate-" + std::to_string(getpid()) + ".csv");
-        csv_path = scratch.path.string();
-    }
-    if (csv_path.empty()) {
+    PlotSamples samples;
+    if (options.out.empty() && options.plot.empty()) {
         std::ostringstream text;
-        write_trajectory(text, command, load, seconds, rate, items);
+        write_trajectory(text, command, load, seconds, rate, items, samples);
         std::fputs(text.str().c_str(), stdout);
+    } else if (options.out.empty()) {
+        std::ostringstream discarded;  // with only --plot the picture is the result
+        write_trajectory(discarded, command, load, seconds, rate, items, samples);
     } else {
-        std::ofstream file(csv_path);
-        if (!file) throw UsageError("cannot write " + csv_path);
-        write_trajectory(file, command, load, seconds, rate, items);
+        std::ofstream file(options.out);
+        if (!file) throw UsageError("cannot write " + shorten(options.out));
+        write_trajectory(file, command, load, seconds, rate, items, samples);
         file.close();
-        if (!file) throw UsageError("cannot write " + csv_path);
+        if (!file) throw UsageError("cannot write " + shorten(options.out));
     }
     if (!options.plot.empty()) {
-        const std::string title = std::string(ocp_api::mode_name(command.mode)) + " " + format_value(command.setpoint) +
-                                  (load != 0.0f ? ", load " + format_value(load) : std::string());
-        plot_with_gnuplot(csv_path, options.plot, items.size(), title);
+        PlotLabels labels;
+        labels.title = "simulated " + motion_title(command) + (load != 0.0f ? ", load " + format_value(load) : "");
+        labels.time_axis = "simulated time (s)";
+        labels.position = "position (POS_FB_4C)";
+        labels.speed = "speed (SPD_FB_45)";
+        labels.torque = "torque (T_FB_56)";
+        labels.controlled = command.mode;
+        draw_plot(samples, labels, options.plot);
         std::fprintf(stderr, "ocpctl: plot written to %s\n", options.plot.c_str());
     }
     return 0;
@@ -146,9 +126,10 @@ void add_simulate_command(CLI::App& app, Runner& runner) {
     simulate->add_option("--rate", options->rate, "Samples per simulated second, 1..10000")->capture_default_str();
     simulate->add_option("--items", options->items, "Feedback items, comma-separated")->delimiter(',')->capture_default_str();
     simulate->add_option("--out", options->out, "CSV file to write (default: standard output)");
-    simulate->add_option("--plot", options->plot, "PNG file to draw with gnuplot");
+    simulate->add_option("--plot", options->plot, "Draw position, speed and torque into a .png or .svg file");
     simulate->footer("Examples:\n  ocpctl simulate --mode position --setpoint 1 --duration 0.5 --out step.csv\n"
-                     "  ocpctl simulate --mode speed --setpoint 2 --load 0.5 --plot speed.png");
+                     "  ocpctl simulate --mode speed --setpoint 2 --load 0.5 --plot speed.png\n"
+                     "  ocpctl simulate --mode impedance --setpoint 0.5 --stiffness 40 --damping 3 --plot step.svg");
     simulate->callback([&runner, options] { runner = [options] { return run_simulate(*options); }; });
 }
 

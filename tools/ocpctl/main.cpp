@@ -1,12 +1,15 @@
 // ocpctl: find, configure, command and watch actuators from a terminal.
+#include <csignal>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 #include <ocp_api/version.hpp>
 
 #include "bus.hpp"
 #include "commands.hpp"
+#include "suggest.hpp"
 
 namespace {
 
@@ -21,19 +24,33 @@ const char* const EXAMPLES =
     "  ocpctl info 0x21\n"
     "  ocpctl params get 0x21 LIMIT_TORQUE MODE\n"
     "  ocpctl params set 0x21 LIMIT_TORQUE=2.5\n"
+    "  ocpctl params dump 0x21 --out 0x21.json\n"
+    "  ocpctl list items\n"
     "  ocpctl move 0x21 --mode position --setpoint 1.0 --for 2\n"
     "  ocpctl stream 0x21 --items POS_FB_4C,SPD_FB_45 --rate 200 --duration 1\n"
-    "  ocpctl simulate --mode speed --setpoint 2 --load 0.5 --plot speed.png\n"
+    "  ocpctl simulate --mode speed --setpoint 2 --load 0.5 --plot speed.svg\n"
     "  ocpctl --bus sim:0x21,0x40 scan --json\n"
     "\n"
     "Standard output carries results only; progress and diagnostics go to\n"
     "standard error. Exit status: 0 done, 1 a device or bus did not answer,\n"
-    "2 bad arguments (nothing was sent), 128+N stopped by signal N.\n"
+    "2 bad arguments (nothing was sent), 128+N stopped by signal N; a reader\n"
+    "that closes the output pipe (ocpctl stream ... | head) ends the command\n"
+    "quietly with 141, as SIGPIPE would, after the device is stopped.\n"
     "Commands that move a device stop it when ocpctl exits; the others leave it as they found it.";
+
+// Prints one diagnostic line; every message goes through here so that an
+// argument of any length never floods the terminal.
+void print_error(const std::string& message, int argc, char** argv) {
+    std::fprintf(stderr, "ocpctl: %s\n", ocpctl::shorten_arguments(message, argc, argv).c_str());
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    // A closed output pipe shows up as a failed write, which the commands
+    // handle (stop the device, exit 141), instead of killing the process.
+    std::signal(SIGPIPE, SIG_IGN);
+
     CLI::App app{OVERVIEW, "ocpctl"};
     app.footer(EXAMPLES);
     app.set_version_flag("--version", std::string("ocpctl ") + ocp_api::VERSION_TEXT);
@@ -50,6 +67,7 @@ int main(int argc, char** argv) {
     ocpctl::add_motion_commands(app, global, runner);
     ocpctl::add_simulate_command(app, runner);
     ocpctl::add_demo_command(app, runner);
+    ocpctl::add_list_command(app, runner);
 
     try {
         app.parse(argc, argv);
@@ -60,7 +78,8 @@ int main(int argc, char** argv) {
     } catch (const CLI::CallForVersion& version) {
         return app.exit(version);
     } catch (const CLI::ParseError& error) {
-        std::fprintf(stderr, "ocpctl: %s (see ocpctl --help)\n", error.what());
+        const std::string unknown = ocpctl::describe_unknown_command(app, argc, argv);
+        print_error((unknown.empty() ? std::string(error.what()) : unknown) + " (see ocpctl --help)", argc, argv);
         return ocpctl::EXIT_USAGE;
     }
     try {
@@ -69,13 +88,16 @@ int main(int argc, char** argv) {
                                      " is not a number of seconds in (0, 3600]");
         return runner();
     } catch (const ocpctl::UsageError& error) {
-        std::fprintf(stderr, "ocpctl: %s\n", error.what());
+        print_error(error.what(), argc, argv);
         return ocpctl::EXIT_USAGE;
+    } catch (const ocpctl::Interrupted& interrupted) {
+        print_error(interrupted.what(), argc, argv);
+        return 128 + interrupted.signal;
     } catch (const ocpctl::DeviceError& error) {
-        std::fprintf(stderr, "ocpctl: %s\n", error.what());
+        print_error(error.what(), argc, argv);
         return ocpctl::EXIT_DEVICE;
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "ocpctl: %s\n", error.what());
+        print_error(error.what(), argc, argv);
         return ocpctl::EXIT_DEVICE;
     }
 }

@@ -10,6 +10,13 @@ bool ExitStopFilter::send(int address, const std::vector<uint8_t>& frame) {
     return bus_.send(address, frame);
 }
 
+bool answers_at(ocp_api::OCP& bus, int address, float timeout_s) {
+    ExitStopFilter quiet(bus);
+    quiet.arm();
+    ocp_api::OrreryActuator probe(quiet, address);
+    return connect_interruptibly(probe, address, timeout_s);
+}
+
 Session::Session(const GlobalOptions& global, int address, OnExit on_exit)
     : bus_(parse_bus(global.bus)), filter_(bus_.transport()), on_exit_(on_exit) {
     actuator_ = connect_actuator(filter_, address, global.timeout_s);

@@ -29,6 +29,10 @@ private:
     bool armed_ = false;
 };
 
+// True when a device answers a ping at `address`; the device is left as it
+// was (no STOP on the way out).
+bool answers_at(ocp_api::OCP& bus, int address, float timeout_s);
+
 enum class OnExit { LeaveAsFound, Stop };
 
 // Opens the bus and connects the actuator at `address`; throws DeviceError
