@@ -6,7 +6,15 @@ CMAKE_FLAGS ?=
 SANITIZE_FLAGS = -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer
 TSAN_FLAGS = -fsanitize=thread -fno-omit-frame-pointer
 
-.PHONY: all deps build demo test test-normal test-asan test-tsan bench install clean
+# Fuzzing: clang with libFuzzer, address and undefined-behaviour sanitizers.
+FUZZ_CC ?= clang-14
+FUZZ_CXX ?= clang++-14
+FUZZ_SECONDS ?= 300
+# make test fuzzes each harness this long, within FUZZ_TEST_BUDGET seconds in all.
+FUZZ_TEST_SECONDS ?= 30
+FUZZ_TEST_BUDGET ?= 150
+
+.PHONY: all deps build demo test test-normal test-asan test-tsan test-fuzz fuzz build-fuzz soak bench install clean
 
 all: build
 
@@ -21,15 +29,16 @@ demo: build
 	./build/examples/sim_demo
 
 # The whole suite three ways: a normal build, AddressSanitizer with
-# UndefinedBehaviorSanitizer, and ThreadSanitizer on the threaded tests.
-test: test-normal test-asan test-tsan
+# UndefinedBehaviorSanitizer, and ThreadSanitizer on the threaded tests; then
+# a short fuzzing run of every harness.
+test: test-normal test-asan test-tsan test-fuzz
 
 test-normal: build
 	cd build && ctest --output-on-failure -j $(JOBS)
 
 test-asan: deps
 	@cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DOCP_API_WERROR=ON \
-	  -DOCP_API_BUILD_EXAMPLES=OFF -DOCP_API_PACKAGE_TEST=OFF \
+	  -DOCP_API_BUILD_EXAMPLES=OFF -DOCP_API_PACKAGE_TEST=OFF -DOCP_API_VM_TESTS=OFF \
 	  -DCMAKE_CXX_FLAGS="$(SANITIZE_FLAGS)" -DCMAKE_EXE_LINKER_FLAGS="$(SANITIZE_FLAGS)" >/dev/null
 	@cmake --build build-asan -j $(JOBS)
 	cd build-asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
@@ -42,6 +51,25 @@ test-tsan: deps
 	@cmake --build build-tsan -j $(JOBS)
 	cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest --output-on-failure -j $(JOBS) -L threaded
 
+build-fuzz: deps
+	@CC=$(FUZZ_CC) CXX=$(FUZZ_CXX) cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DOCP_API_WERROR=ON -DOCP_API_BUILD_FUZZERS=ON -DOCP_API_BUILD_TESTS=OFF -DOCP_API_BUILD_TOOLS=OFF \
+	  -DOCP_API_BUILD_EXAMPLES=OFF -DOCP_API_PACKAGE_TEST=OFF >/dev/null
+	@cmake --build build-fuzz -j $(JOBS)
+
+# Each harness for FUZZ_SECONDS (default 5 minutes).
+fuzz: build-fuzz
+	scripts/run-fuzzers.sh build-fuzz $(FUZZ_SECONDS)
+
+test-fuzz: build-fuzz
+	scripts/run-fuzzers.sh build-fuzz $(FUZZ_TEST_SECONDS) $(FUZZ_TEST_BUDGET)
+
+# Not part of make test: SOAK_SECONDS (default 600) of 16 emulated actuators
+# streaming at 1 kHz on a lossy bus while host threads send and ask.
+SOAK_SECONDS ?= 600
+soak: build
+	./build/tests/soak/ocp_api_soak $(SOAK_SECONDS)
+
 bench: deps
 	@cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DOCP_API_BUILD_BENCHMARKS=ON \
 	  -DOCP_API_BUILD_TESTS=OFF -DOCP_API_BUILD_EXAMPLES=OFF >/dev/null
@@ -52,4 +80,4 @@ install: build
 	cmake --install build
 
 clean:
-	rm -rf build build-asan build-tsan build-bench
+	rm -rf build build-asan build-tsan build-bench build-fuzz

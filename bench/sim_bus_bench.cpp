@@ -13,6 +13,7 @@
 
 #include <ocp_api/orrery_actuator.hpp>
 #include <ocp_api/sim_bus.hpp>
+#include <ocp_api/wire.hpp>
 
 namespace {
 
@@ -62,5 +63,44 @@ void BM_SimBusFeedback16x4At1kHz(benchmark::State& state) {
     joints.clear();
 }
 BENCHMARK(BM_SimBusFeedback16x4At1kHz)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// How long close() takes: on an idle bus, and on a bus doing the most it can be
+// asked for (the fastest time scale, 16 devices streaming 4 items at 10 kHz,
+// replies due at once, callbacks busy). Side by side, their ratio shows what
+// the worker's bounded passes cost a closing host; the aim is under 100 ms.
+void close_bus(benchmark::State& state, bool loaded) {
+    constexpr int DEVICES = 16;
+    for (auto _ : state) {
+        ocp_api::SimBusOptions options;
+        options.time_scale = loaded ? 1000.0 : 1.0;
+        options.reply_latency = std::chrono::microseconds(0);
+        ocp_api::SimBus bus(options);
+        std::atomic<uint64_t> replies{0};
+        for (int i = 0; i < DEVICES; ++i) {
+            const int address = 0x21 + i;
+            bus.add_actuator(address);
+            bus.setCallback(address, [&replies](int, std::vector<uint8_t>, int) { replies.fetch_add(1); });
+            if (!loaded) continue;
+            std::vector<uint8_t> items{static_cast<uint8_t>(ocp_api::wire::Command::SET_FEEDBACK_ITEMS)};
+            for (const auto item : {Items::POS_FB_4C, Items::SPD_FB_45, Items::T_FB_56, Items::VBUS_70})
+                items.push_back(static_cast<uint8_t>(item));
+            bus.send(address, items);
+            std::vector<uint8_t> rate{static_cast<uint8_t>(ocp_api::wire::Command::SET_FEEDBACK_RATE)};
+            ocp_api::wire::append_u32(rate, 1);
+            bus.send(address, rate);
+        }
+        const auto settle_until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        while (loaded && replies.load() < 20000 && std::chrono::steady_clock::now() < settle_until)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        const auto start = std::chrono::steady_clock::now();
+        bus.close();
+        state.SetIterationTime(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+    }
+}
+
+void BM_SimBusCloseIdle(benchmark::State& state) { close_bus(state, false); }
+void BM_SimBusCloseUnderMaximumLoad(benchmark::State& state) { close_bus(state, true); }
+BENCHMARK(BM_SimBusCloseIdle)->Iterations(20)->Unit(benchmark::kMicrosecond)->UseManualTime();
+BENCHMARK(BM_SimBusCloseUnderMaximumLoad)->Iterations(20)->Unit(benchmark::kMicrosecond)->UseManualTime();
 
 }  // namespace

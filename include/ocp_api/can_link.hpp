@@ -72,4 +72,8 @@ protected:
     CanLink& operator=(const CanLink&) = default;
 };
 
+// Sends `frame`, retrying for up to `busy_retry` while the link reports busy;
+// returns busy when it was still busy at the end.
+CanLink::SendResult send_frame_retrying(CanLink& link, const CanFrame& frame, std::chrono::microseconds busy_retry);
+
 }  // namespace ocp_api

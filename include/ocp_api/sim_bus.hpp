@@ -4,6 +4,7 @@
 // through the same OrreryActuator and OrreryActuatorScanner it uses on a real bus.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -14,15 +15,17 @@
 #include <vector>
 
 #include "ocp_api/callback_registry.hpp"
+#include "ocp_api/emulated_actuator.hpp"
 #include "ocp_api/ocp.hpp"
-#include "ocp_api/orrery_actuator_virtual.hpp"
 
 namespace ocp_api {
 
+// The constructor of SimBus throws std::invalid_argument, naming the option and
+// its range, for a value outside the range given here.
 struct SimBusOptions {
-    double time_scale = 1.0;                          // simulated seconds per wall second
-    std::chrono::microseconds reply_latency{200};     // between a frame and its reply
-    double loss_rate = 0.0;                           // chance that any one frame or reply is lost
+    double time_scale = 1.0;                          // simulated seconds per wall second, 1e-6..1000
+    std::chrono::microseconds reply_latency{200};     // between a frame and its reply, 0..60 s
+    double loss_rate = 0.0;                           // chance that any one frame or reply is lost, 0..1
     uint32_t seed = 1;                                // of the loss draw, for reproducible runs
 };
 
@@ -35,59 +38,8 @@ struct SimBusCounters {
     uint64_t replies_delivered = 0;  // handed to a registered callback
     uint64_t replies_unclaimed = 0;  // no callback was registered for the address
     uint64_t replies_lost = 0;
+    uint64_t replies_discarded = 0;  // still on their way when the bus closed
     uint64_t worker_wakes = 0;       // passes of the worker's loop, for tuning
-};
-
-class SimBus;
-namespace detail {
-class EmulatedDevice;
-}
-
-// The device behind one address of a SimBus. Every method is thread-safe.
-class EmulatedActuator {
-public:
-    // Access to the device's physics while holding the bus's lock: the worker
-    // does not step it meanwhile. Keep it short and do not call the bus from
-    // inside: bus.actuator(0x21).physics()->change_load(0.5f);
-    class PhysicsAccess {
-    public:
-        OrreryActuatorVirtual* operator->() const { return &physics_; }
-        OrreryActuatorVirtual& operator*() const { return physics_; }
-
-    private:
-        friend class EmulatedActuator;
-        PhysicsAccess(std::unique_lock<std::mutex> lock, OrreryActuatorVirtual& physics)
-            : lock_(std::move(lock)), physics_(physics) {}
-        std::unique_lock<std::mutex> lock_;
-        OrreryActuatorVirtual& physics_;
-    };
-
-    ~EmulatedActuator();
-    EmulatedActuator(const EmulatedActuator&) = delete;
-    EmulatedActuator& operator=(const EmulatedActuator&) = delete;
-
-    int address() const;
-    uint16_t model_code() const;
-    uint16_t firmware_word() const;
-    PhysicsAccess physics();
-    // Sends an ERROR_FLAGS record now and reports the word in item ERRORS_90
-    // until it is replaced (inject_errors(0) clears it) or the device restarts.
-    void inject_errors(uint32_t error_word);
-    // Restarts the device with its saved configuration: unsaved parameter and
-    // address changes are lost, the boot loader is left, streaming is off.
-    void power_cycle();
-    bool in_bootloader() const;
-    int blink_count() const;
-    // A silent device ignores every frame and sends nothing, as if unplugged.
-    void set_silent(bool silent);
-    bool is_silent() const;
-
-private:
-    friend class SimBus;
-    EmulatedActuator(SimBus& bus, std::unique_ptr<detail::EmulatedDevice> device);
-
-    SimBus& bus_;
-    const std::unique_ptr<detail::EmulatedDevice> device_;
 };
 
 // The bus and its worker thread. The worker advances every device's physics in
@@ -97,9 +49,14 @@ private:
 // from any thread, callbacks included; frames reach a device in the order they
 // were sent. An emulated adapter answers pings at address 0.
 //
+// The worker steps the devices through at most 0.1 s of simulated time per pass
+// and lets other threads have the bus between passes, so send(), counters() and
+// close() stay responsive whatever the devices were asked to do; a bus asked
+// for more than the machine can compute falls behind the wall clock instead.
+//
 // As with any transport, destroy the actuators that use the bus before the bus,
 // and do not destroy the bus from inside one of its callbacks.
-class SimBus : public OCP {
+class SimBus : public OCP, private detail::EmulatedDeviceOwner {
 public:
     explicit SimBus(SimBusOptions options = {});
     ~SimBus() override;
@@ -121,19 +78,28 @@ public:
     bool send(int address, const std::vector<uint8_t>& frame) override;
     void setCallback(int address, ReceiveCallback callback) override;
     void removeCallback(int address) override;
-    // Stops the worker; later sends return false. Safe to call more than once
-    // and from inside a callback.
+    // Stops the worker; later sends return false. Once close() has returned no
+    // callback starts any more, not even for replies already due: called from
+    // another thread it returns after the worker has stopped; called from
+    // inside a callback, that callback finishes but no other one runs. Replies
+    // still on their way are counted in replies_discarded. Safe to call more
+    // than once and from several threads.
     void close() override;
 
 private:
-    friend class EmulatedActuator;
     struct Reply;
     struct Inbound;
     struct Pending;
 
     using Clock = std::chrono::steady_clock;
 
+    std::mutex& device_mutex() override { return mutex_; }
+    int64_t device_step() const override { return steps_done_; }
+    void emit_replies(detail::DeviceReplies& replies) override;
+
     void run();
+    void deliver(std::vector<Reply>& due);
+    void join_worker();
     int64_t target_step(Clock::time_point now) const;
     Clock::time_point wall_time_of_step(int64_t step) const;
     void advance_devices(int64_t target);
@@ -158,6 +124,9 @@ private:
     SimBusCounters counters_;
     int64_t steps_done_ = 0;
     uint64_t reply_sequence_ = 0;
+
+    std::atomic<bool> delivering_{true};  // false from close() on: no callback starts
+    std::mutex join_mutex_;               // one thread joins the worker
 
     std::thread worker_;  // last: starts after everything above exists
 };

@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "common/numeric.hpp"
+#include "emulation/adapter.hpp"
 
 namespace ocp_api::detail {
 
@@ -178,13 +179,7 @@ void EmulatedDevice::handle_frame(const wire::Frame& frame, int64_t now, Replies
             stop_streaming();
             bootloader_ = true;
             break;
-        case Command::PING: {
-            std::vector<uint8_t> bytes{static_cast<uint8_t>(wire::RecordCode::PING_REPLY)};
-            wire::append_u16(bytes, model_code_);
-            wire::append_u16(bytes, firmware_word_);
-            reply(out, std::move(bytes), wire::REPLY_STREAMED, now);
-            break;
-        }
+        case Command::PING: reply(out, ping_reply(model_code_, firmware_word_), wire::REPLY_STREAMED, now); break;
         case Command::BLINK: ++blinks_; break;
         default: break;  // a device ignores what it does not know
     }

@@ -10,24 +10,49 @@
 #include <stdexcept>
 #include <string>
 
-#include "ocp_api/version.hpp"
 #include "ocp_api/wire.hpp"
+#include "emulation/adapter.hpp"
+#include "emulation/device_clock.hpp"
 #include "emulation/emulated_device.hpp"
 
 namespace ocp_api {
 
 namespace {
 
-constexpr double SECONDS_PER_STEP = 1e-4;  // the devices' control period, 100 us
-constexpr double NANOSECONDS_PER_STEP = 1e5;
+constexpr double SECONDS_PER_STEP = detail::DeviceClock::SECONDS_PER_STEP;
 // Without anything due the worker still wakes this often to keep the devices'
 // physics close to the wall clock.
 constexpr std::chrono::milliseconds IDLE_WAKE_PERIOD{20};
+// The most simulated time the worker steps the devices through in one pass
+// while holding the bus's lock (0.1 s). A bus that falls further behind the
+// wall clock catches up over several passes, letting send(), counters() and
+// close() in between, instead of stepping for seconds at a stretch.
+constexpr int64_t MAX_STEPS_PER_PASS = 1000;
+
+// The accepted ranges of the options, checked when a bus is made.
+constexpr double MIN_TIME_SCALE = 1e-6;
+constexpr double MAX_TIME_SCALE = 1000.0;
+constexpr std::chrono::microseconds MAX_REPLY_LATENCY = std::chrono::seconds(60);
 
 std::string hex_address(int address) {
     std::ostringstream text;
     text << "0x" << std::hex << address;
     return text.str();
+}
+
+void validate(const SimBusOptions& options) {
+    const auto refuse = [](const char* option, const char* range, const auto& value) {
+        std::ostringstream text;
+        text << "SimBus option " << option << " must be " << range << ", not " << value;
+        throw std::invalid_argument(text.str());
+    };
+    // Written so that NaN fails every test.
+    if (!(options.time_scale >= MIN_TIME_SCALE && options.time_scale <= MAX_TIME_SCALE))
+        refuse("time_scale", "between 1e-06 and 1000 (simulated seconds per wall second)", options.time_scale);
+    if (options.reply_latency.count() < 0 || options.reply_latency > MAX_REPLY_LATENCY)
+        refuse("reply_latency", "between 0 and 60 s (0 to 60000000 us)", options.reply_latency.count());
+    if (!(options.loss_rate >= 0.0 && options.loss_rate <= 1.0))
+        refuse("loss_rate", "between 0 and 1", options.loss_rate);
 }
 
 }  // namespace
@@ -68,75 +93,19 @@ struct SimBus::Pending {
     }
 };
 
-// --- EmulatedActuator: the thread-safe face of one device ------------------
-
-EmulatedActuator::EmulatedActuator(SimBus& bus, std::unique_ptr<detail::EmulatedDevice> device)
-    : bus_(bus), device_(std::move(device)) {}
-
-EmulatedActuator::~EmulatedActuator() = default;
-
-// A device's model code and firmware word never change: no lock needed.
-uint16_t EmulatedActuator::model_code() const { return device_->model_code(); }
-uint16_t EmulatedActuator::firmware_word() const { return device_->firmware_word(); }
-
-int EmulatedActuator::address() const {
-    std::lock_guard<std::mutex> lock(bus_.mutex_);
-    return device_->address();
-}
-
-EmulatedActuator::PhysicsAccess EmulatedActuator::physics() {
-    return PhysicsAccess(std::unique_lock<std::mutex>(bus_.mutex_), device_->physics());
-}
-
-void EmulatedActuator::inject_errors(uint32_t error_word) {
-    std::lock_guard<std::mutex> lock(bus_.mutex_);
-    detail::EmulatedDevice::Replies replies;
-    const auto now = SimBus::Clock::now();
-    device_->inject_errors(error_word, bus_.steps_done_, replies);
-    for (auto& reply : replies) bus_.queue_reply(reply.address, std::move(reply.bytes), reply.kind, now);
-    bus_.wake_.notify_all();
-}
-
-void EmulatedActuator::power_cycle() {
-    std::lock_guard<std::mutex> lock(bus_.mutex_);
-    device_->power_cycle();
-}
-
-bool EmulatedActuator::in_bootloader() const {
-    std::lock_guard<std::mutex> lock(bus_.mutex_);
-    return device_->in_bootloader();
-}
-
-int EmulatedActuator::blink_count() const {
-    std::lock_guard<std::mutex> lock(bus_.mutex_);
-    return device_->blink_count();
-}
-
-void EmulatedActuator::set_silent(bool silent) {
-    std::lock_guard<std::mutex> lock(bus_.mutex_);
-    device_->set_silent(silent);
-}
-
-bool EmulatedActuator::is_silent() const {
-    std::lock_guard<std::mutex> lock(bus_.mutex_);
-    return device_->is_silent();
-}
-
 // --- SimBus ------------------------------------------------------------------
 
 SimBus::SimBus(SimBusOptions options)
-    : options_(options), epoch_(Clock::now()), loss_rng_(options.seed), pending_(std::make_unique<Pending>()) {
-    if (!(options_.time_scale > 0.0) || !std::isfinite(options_.time_scale))
-        throw std::invalid_argument("SimBus time_scale must be a positive number");
-    if (!(options_.loss_rate >= 0.0 && options_.loss_rate <= 1.0))
-        throw std::invalid_argument("SimBus loss_rate must be between 0 and 1");
-    if (options_.reply_latency.count() < 0) throw std::invalid_argument("SimBus reply_latency must not be negative");
+    : options_((validate(options), options)),
+      epoch_(Clock::now()),
+      loss_rng_(options.seed),
+      pending_(std::make_unique<Pending>()) {
     worker_ = std::thread([this] { run(); });
 }
 
 SimBus::~SimBus() {
     close();
-    if (worker_.joinable()) worker_.join();
+    join_worker();
 }
 
 EmulatedActuator& SimBus::add_actuator(int address, uint16_t model_code, uint16_t firmware_word) {
@@ -149,6 +118,12 @@ EmulatedActuator& SimBus::add_actuator(int address, uint16_t model_code, uint16_
     auto device = std::make_unique<detail::EmulatedDevice>(address, model_code, firmware_word, steps_done_);
     devices_.push_back(std::unique_ptr<EmulatedActuator>(new EmulatedActuator(*this, std::move(device))));
     return *devices_.back();
+}
+
+void SimBus::emit_replies(detail::DeviceReplies& replies) {
+    const auto now = Clock::now();
+    for (auto& reply : replies) queue_reply(reply.address, std::move(reply.bytes), reply.kind, now);
+    wake_.notify_all();
 }
 
 EmulatedActuator& SimBus::actuator(int address) {
@@ -202,14 +177,22 @@ void SimBus::removeCallback(int address) { callbacks_.remove(address); }
 void SimBus::close() {
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (closed_) return;
         closed_ = true;
         stopping_ = true;
     }
+    // Seen by the worker before each callback: from here on none starts, also
+    // when this close() runs inside a callback on the worker itself.
+    delivering_.store(false, std::memory_order_release);
     wake_.notify_all();
     // From inside a callback the worker cannot wait for itself: it leaves its
     // loop when the callback returns, and the destructor joins it.
-    if (worker_.joinable() && worker_.get_id() != std::this_thread::get_id()) worker_.join();
+    if (worker_.get_id() != std::this_thread::get_id()) join_worker();
+}
+
+void SimBus::join_worker() {
+    // close() may run on several threads at once; one of them joins.
+    std::lock_guard<std::mutex> lock(join_mutex_);
+    if (worker_.joinable()) worker_.join();
 }
 
 bool SimBus::draw_loss() {
@@ -218,19 +201,19 @@ bool SimBus::draw_loss() {
 }
 
 int64_t SimBus::target_step(Clock::time_point now) const {
-    const double wall_ns = static_cast<double>(std::chrono::duration_cast<std::chrono::nanoseconds>(now - epoch_).count());
-    return static_cast<int64_t>(wall_ns * options_.time_scale / NANOSECONDS_PER_STEP);
+    return detail::DeviceClock(epoch_, options_.time_scale).step_at(now);
 }
 
-// The first wall instant at which target_step() reaches `step`: rounded up,
-// and a nanosecond later, so that waking then finds the step due.
 SimBus::Clock::time_point SimBus::wall_time_of_step(int64_t step) const {
-    const double wall_ns = std::ceil(static_cast<double>(step) * NANOSECONDS_PER_STEP / options_.time_scale) + 1.0;
-    return epoch_ + std::chrono::nanoseconds(static_cast<int64_t>(wall_ns));
+    return detail::DeviceClock(epoch_, options_.time_scale).time_of_step(step);
 }
 
 void SimBus::queue_reply(int address, std::vector<uint8_t> bytes, int kind, Clock::time_point produced) {
     ++counters_.replies_sent;
+    if (stopping_) {
+        ++counters_.replies_discarded;  // the worker is gone or leaving
+        return;
+    }
     if (draw_loss()) {
         ++counters_.replies_lost;
         return;
@@ -250,13 +233,8 @@ void SimBus::advance_devices(int64_t target) {
 void SimBus::handle_frame(int address, const std::vector<uint8_t>& frame, Clock::time_point now) {
     detail::EmulatedDevice::Replies replies;
     if (address == wire::ADAPTER_ADDRESS) {
-        // The adapter only answers pings, with its model code and the library's version.
-        if (!frame.empty() && frame[0] == static_cast<uint8_t>(wire::Command::PING)) {
-            std::vector<uint8_t> bytes{static_cast<uint8_t>(wire::RecordCode::PING_REPLY)};
-            wire::append_u16(bytes, MODEL_CODE_CAN_ADAPTER);
-            wire::append_u16(bytes, wire::firmware_word(VERSION_MAJOR, VERSION_MINOR, VERSION_PATCH));
-            queue_reply(address, std::move(bytes), wire::REPLY_STREAMED, now);
-        }
+        if (auto answer = detail::adapter_answer(frame))
+            queue_reply(address, std::move(*answer), wire::REPLY_STREAMED, now);
         return;
     }
     if (EmulatedActuator* device = device_at(address)) device->device_->handle_frame(frame, steps_done_, replies);
@@ -290,24 +268,47 @@ void SimBus::run() {
     while (!stopping_) {
         ++counters_.worker_wakes;
         const auto now = Clock::now();
-        advance_devices(target_step(now));
+        const int64_t present = target_step(now);
+        advance_devices(std::min(present, steps_done_ + MAX_STEPS_PER_PASS));
+        const bool behind = steps_done_ < present;
         process_inbound(now);
         while (!pending_->replies.empty() && pending_->earliest().due <= now) due.push_back(pending_->pop_earliest());
-        if (due.empty()) {
+        if (!due.empty()) {
+            // Callbacks run without the bus's lock: they may send, and the
+            // registry keeps its own promise about removal.
+            lock.unlock();
+            deliver(due);
+            lock.lock();
+        } else if (behind) {
+            // Let the threads waiting for the lock have it before catching up.
+            lock.unlock();
+            std::this_thread::yield();
+            lock.lock();
+        } else {
             wake_.wait_until(lock, next_wake(now), [this] { return stopping_ || !pending_->frames.empty(); });
-            continue;
         }
-        // Callbacks run without the bus's lock: they may send, and the
-        // registry keeps its own promise about removal.
-        lock.unlock();
-        uint64_t delivered = 0;
-        for (auto& reply : due) delivered += callbacks_.dispatch(reply.address, std::move(reply.bytes), reply.kind);
-        const uint64_t total = due.size();
-        due.clear();
-        lock.lock();
-        counters_.replies_delivered += delivered;
-        counters_.replies_unclaimed += total - delivered;
     }
+    // What was still on its way when the bus closed is counted, not delivered.
+    counters_.replies_discarded += pending_->replies.size();
+    pending_->replies.clear();
+}
+
+// Hands the due replies to their callbacks, without the bus's lock, and counts
+// them. Stops at close(): the replies it did not hand over are discarded.
+void SimBus::deliver(std::vector<Reply>& due) {
+    uint64_t delivered = 0;
+    uint64_t handed = 0;
+    for (auto& reply : due) {
+        if (!delivering_.load(std::memory_order_acquire)) break;
+        delivered += callbacks_.dispatch(reply.address, std::move(reply.bytes), reply.kind);
+        ++handed;
+    }
+    const uint64_t total = due.size();
+    due.clear();
+    std::lock_guard<std::mutex> lock(mutex_);
+    counters_.replies_delivered += delivered;
+    counters_.replies_unclaimed += handed - delivered;
+    counters_.replies_discarded += total - handed;
 }
 
 }  // namespace ocp_api

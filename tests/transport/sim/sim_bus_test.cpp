@@ -4,6 +4,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <cmath>
+#include <string>
 #include <condition_variable>
 #include <thread>
 
@@ -42,10 +44,146 @@ TEST(SimBus, AddActuatorRejectsInvalidAndTakenAddresses) {
     EXPECT_EQ(bus.actuator(0x21).firmware_word(), 0x0842);
 }
 
-TEST(SimBus, RejectsNonsenseOptions) {
-    EXPECT_THROW(SimBus(SimBusOptions{0.0}), std::invalid_argument);
-    EXPECT_THROW(SimBus(SimBusOptions{1.0, std::chrono::microseconds(0), 1.5}), std::invalid_argument);
-    EXPECT_THROW(SimBus(SimBusOptions{1.0, std::chrono::microseconds(-1)}), std::invalid_argument);
+// The message of the std::invalid_argument that the options raise, or "" when
+// a bus is made with them.
+std::string refusal(SimBusOptions options) {
+    try {
+        SimBus bus(options);
+    } catch (const std::invalid_argument& error) {
+        return error.what();
+    }
+    return "";
+}
+
+SimBusOptions with_time_scale(double time_scale) {
+    SimBusOptions options;
+    options.time_scale = time_scale;
+    return options;
+}
+
+SimBusOptions with_latency(std::chrono::microseconds latency) {
+    SimBusOptions options;
+    options.reply_latency = latency;
+    return options;
+}
+
+SimBusOptions with_loss(double loss_rate) {
+    SimBusOptions options;
+    options.loss_rate = loss_rate;
+    return options;
+}
+
+TEST(SimBus, RefusesOptionsOutsideTheirRangesNamingOptionAndRange) {
+    const std::string time_scale_range =
+        "SimBus option time_scale must be between 1e-06 and 1000 (simulated seconds per wall second), not ";
+    EXPECT_EQ(refusal(with_time_scale(1e6)), time_scale_range + "1e+06");
+    EXPECT_EQ(refusal(with_time_scale(0.0)), time_scale_range + "0");
+    EXPECT_EQ(refusal(with_time_scale(-1.0)), time_scale_range + "-1");
+    EXPECT_EQ(refusal(with_time_scale(1e-7)), time_scale_range + "1e-07");
+    EXPECT_EQ(refusal(with_time_scale(std::nan(""))), time_scale_range + "nan");
+    EXPECT_EQ(refusal(with_time_scale(HUGE_VAL)), time_scale_range + "inf");
+
+    const std::string latency_range = "SimBus option reply_latency must be between 0 and 60 s (0 to 60000000 us), not ";
+    EXPECT_EQ(refusal(with_latency(std::chrono::microseconds::max())), latency_range + "9223372036854775807");
+    EXPECT_EQ(refusal(with_latency(std::chrono::microseconds(60000001))), latency_range + "60000001");
+    EXPECT_EQ(refusal(with_latency(std::chrono::microseconds(-1))), latency_range + "-1");
+
+    const std::string loss_range = "SimBus option loss_rate must be between 0 and 1, not ";
+    EXPECT_EQ(refusal(with_loss(1.5)), loss_range + "1.5");
+    EXPECT_EQ(refusal(with_loss(-0.1)), loss_range + "-0.1");
+    EXPECT_EQ(refusal(with_loss(std::nan(""))), loss_range + "nan");
+}
+
+TEST(SimBus, AcceptsTheEndsOfEachRange) {
+    EXPECT_EQ(refusal(with_time_scale(1e-6)), "");
+    EXPECT_EQ(refusal(with_time_scale(1000.0)), "");
+    EXPECT_EQ(refusal(with_latency(std::chrono::microseconds(0))), "");
+    EXPECT_EQ(refusal(with_latency(std::chrono::seconds(60))), "");
+    EXPECT_EQ(refusal(with_loss(0.0)), "");
+    EXPECT_EQ(refusal(with_loss(1.0)), "");
+}
+
+Bytes feedback_rate_frame(uint32_t period) {
+    Bytes frame = wire::make_frame(wire::Command::SET_FEEDBACK_RATE);
+    wire::append_u32(frame, period);
+    return frame;
+}
+
+using Item = OrreryActuatorVirtual::OCP_Items;
+
+Bytes feedback_items_frame(std::initializer_list<Item> items) {
+    Bytes frame = wire::make_frame(wire::Command::SET_FEEDBACK_ITEMS);
+    for (const Item item : items) wire::append_u8(frame, static_cast<uint8_t>(item));
+    return frame;
+}
+
+// A callback that counts the replies of one address.
+struct ReplyCounter {
+    std::atomic<uint64_t> replies{0};
+    OCP::ReceiveCallback callback() {
+        return [this](int, Bytes, int) { replies.fetch_add(1); };
+    }
+};
+
+TEST(SimBus, TheLongestFeedbackPeriodAtASmallTimeScaleDoesNotWedgeTheBus) {
+    SimBus bus(with_time_scale(4e-5));
+    bus.add_actuator(0x21);
+    ReplyCounter pings;
+    bus.setCallback(0x21, pings.callback());
+    ASSERT_TRUE(bus.send(0x21, feedback_rate_frame(0xFFFFFFFF)));
+    ASSERT_TRUE(eventually([&] { return bus.counters().frames_handled == 1; }));
+
+    // The bus still answers, and its worker sleeps instead of spinning.
+    const uint64_t wakes_before = bus.counters().worker_wakes;
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_TRUE(bus.send(0x21, {static_cast<uint8_t>(wire::Command::PING)}));
+    ASSERT_TRUE(eventually([&] { return pings.replies.load() == 1; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    const auto elapsed_ms =
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+    // An idle worker wakes every 20 ms; a spinning one millions of times.
+    EXPECT_LT(bus.counters().worker_wakes - wakes_before, static_cast<uint64_t>(elapsed_ms / 5 + 20));
+    bus.removeCallback(0x21);
+}
+
+TEST(SimBus, StaysResponsiveAndClosesPromptlyWhateverTheDevicesWereAskedToDo) {
+    // The most work a bus can be asked for: the fastest time scale, sixteen
+    // devices streaming four items at 10 kHz, replies due at once.
+    SimBus bus(SimBusOptions{1000.0, std::chrono::microseconds(0)});
+    ReplyCounter streamed;
+    for (int address = 0x21; address < 0x21 + 16; ++address) {
+        bus.add_actuator(address);
+        bus.setCallback(address, streamed.callback());
+        bus.send(address, feedback_items_frame({Item::POS_FB_4C, Item::SPD_FB_45, Item::T_FB_49,
+                                                Item::ERRORS_90}));
+        bus.send(address, feedback_rate_frame(1));
+    }
+    ASSERT_TRUE(eventually([&] { return streamed.replies.load() > 10000; }));
+
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(bus.send(0x21, {static_cast<uint8_t>(wire::Command::PING)}));
+    (void)bus.counters();
+    bus.close();
+    // 100 ms is the aim (see the benchmark); a loaded test machine gets slack.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    const uint64_t at_close = streamed.replies.load();
+    const auto c = bus.counters();
+    EXPECT_EQ(c.replies_delivered, at_close);
+    EXPECT_EQ(c.replies_sent, c.replies_delivered + c.replies_unclaimed + c.replies_lost + c.replies_discarded);
+}
+
+TEST(SimBus, RepliesStillOnTheirWayAtCloseAreCountedAsDiscarded) {
+    SimBus bus(with_latency(std::chrono::seconds(60)));
+    bus.add_actuator(0x21);
+    ReplyCounter pings;
+    bus.setCallback(0x21, pings.callback());
+    bus.send(0x21, {static_cast<uint8_t>(wire::Command::PING)});
+    ASSERT_TRUE(eventually([&] { return bus.counters().replies_sent == 1; }));
+    bus.close();
+    const auto c = bus.counters();
+    EXPECT_EQ(c.replies_discarded, 1u);
+    EXPECT_EQ(c.replies_delivered, 0u);
+    EXPECT_EQ(pings.replies.load(), 0u);
 }
 
 TEST(SimBus, AdapterAnswersPingsWithTheLibraryVersion) {
@@ -114,6 +252,57 @@ TEST(SimBus, CloseFromInsideACallbackDoesNotDeadlock) {
     bus.send(0, {0x40});
     ASSERT_TRUE(eventually([&] { return closed.load(); }));
     EXPECT_FALSE(bus.send(0, {0x40}));
+}
+
+TEST(SimBus, NoCallbackRunsAfterCloseReturnedInsideACallback) {
+    // Devices streaming at one rate answer in the same pass of the worker, so
+    // the first callback closes the bus while the others are already due.
+    constexpr int DEVICES = 8;
+    SimBus bus(SimBusOptions{1.0, std::chrono::microseconds(0)});
+    std::atomic<int> calls{0};
+    std::atomic<bool> close_returned{false};
+    std::atomic<int> calls_after_close{0};
+    for (int address = 0x21; address < 0x21 + DEVICES; ++address) {
+        bus.add_actuator(address);
+        bus.setCallback(address, [&](int, Bytes, int) {
+            if (close_returned.load()) calls_after_close.fetch_add(1);
+            if (calls.fetch_add(1) == 0) {
+                bus.close();
+                close_returned.store(true);
+            }
+        });
+    }
+    for (int address = 0x21; address < 0x21 + DEVICES; ++address) bus.send(address, feedback_rate_frame(100));
+    ASSERT_TRUE(eventually([&] { return close_returned.load(); }));
+    ASSERT_TRUE(eventually([&] {
+        const auto c = bus.counters();
+        return c.replies_sent == c.replies_delivered + c.replies_unclaimed + c.replies_lost + c.replies_discarded;
+    }));
+    EXPECT_EQ(calls_after_close.load(), 0);
+    EXPECT_EQ(calls.load(), 1);
+    EXPECT_GE(bus.counters().replies_discarded, static_cast<uint64_t>(DEVICES - 1));
+}
+
+TEST(SimBus, NoCallbackRunsAfterCloseReturnedOnAnotherThread) {
+    SimBus bus(SimBusOptions{1000.0, std::chrono::microseconds(0)});
+    std::atomic<bool> close_returned{false};
+    std::atomic<int> calls_after_close{0};
+    std::atomic<int> calls{0};
+    for (int address = 0x21; address < 0x21 + 4; ++address) {
+        bus.add_actuator(address);
+        bus.setCallback(address, [&](int, Bytes, int) {
+            if (close_returned.load()) calls_after_close.fetch_add(1);
+            calls.fetch_add(1);
+        });
+        bus.send(address, feedback_rate_frame(1));
+    }
+    ASSERT_TRUE(eventually([&] { return calls.load() > 1000; }));
+    bus.close();
+    close_returned.store(true);
+    const int at_close = calls.load();
+    bus.close();  // a second close() changes nothing
+    EXPECT_EQ(calls.load(), at_close);
+    EXPECT_EQ(calls_after_close.load(), 0);
 }
 
 TEST(SimBus, PhysicsAccessReachesTheDevicesModel) {

@@ -1,0 +1,107 @@
+// The OCP transport over any source of raw CAN frames: the host side of the
+// CAN mapping with ISO-TP segmentation. SocketCanBus is this over a SocketCAN
+// link; tests and examples use it over a VirtualCanChannel.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "ocp_api/callback_registry.hpp"
+#include "ocp_api/can_link.hpp"
+#include "ocp_api/can_node.hpp"
+#include "ocp_api/isotp.hpp"
+#include "ocp_api/ocp.hpp"
+
+namespace ocp_api {
+
+struct CanBusOptions {
+    // Segmentation; `isotp.fd` asks for CAN-FD frames and needs a link that
+    // carries them.
+    can::IsoTpOptions isotp;
+    // How long one frame is retried while the adapter reports busy before it
+    // is dropped.
+    std::chrono::microseconds busy_retry{2000};
+};
+
+struct CanBusCounters {
+    uint64_t frames_in = 0;            // every frame the link delivered
+    uint64_t frames_out = 0;           // frames the link accepted
+    uint64_t messages_in = 0;          // whole replies reassembled
+    uint64_t messages_out = 0;         // commands whose last frame the link accepted
+    uint64_t foreign_frames = 0;       // frames that are not replies of the mapping
+    uint64_t segmentation_errors = 0;  // broken segmentation in arriving frames
+    uint64_t timeouts = 0;             // half-sent or half-received messages dropped on a time-out
+    uint64_t drops = 0;                // frames or messages given up: busy adapter, overflow, time-out
+    uint64_t link_errors = 0;          // sends the link refused, and error states it reported
+    uint64_t replies_unclaimed = 0;    // replies for an address without a callback
+    uint64_t restarts = 0;             // returns to the active state after bus-off or down
+};
+
+// One receive thread pulls the link, reassembles replies, paces segmented
+// commands and runs the callbacks. send() queues and returns at once, from any
+// thread, callbacks included; it never waits for flow control.
+//
+// The adapter at address 0 is this transport: a PING to address 0 is answered
+// locally with a PING_REPLY (model CAN_ADAPTER, the library's version as
+// firmware word) through the callback of address 0, and nothing is sent.
+//
+// Destroy the actuators that use the bus before the bus, and do not destroy
+// the bus from inside one of its callbacks.
+class CanBus : public OCP {
+public:
+    using StateCallback = std::function<void(CanLinkState)>;
+
+    // Throws std::invalid_argument for a null link, invalid options, or CAN-FD
+    // asked of a link that does not carry it.
+    explicit CanBus(std::unique_ptr<CanLink> link, CanBusOptions options = {});
+    ~CanBus() override;
+    CanBus(const CanBus&) = delete;
+    CanBus& operator=(const CanBus&) = delete;
+
+    // False when the bus is closed, the link failed, the message is empty or
+    // longer than 4095 bytes, or the address is outside 0..0x3FFF.
+    bool send(int address, const std::vector<uint8_t>& frame) override;
+    void setCallback(int address, ReceiveCallback callback) override;
+    void removeCallback(int address) override;
+    // Stops the receive thread; later sends return false. Safe to call more
+    // than once and from inside a callback.
+    void close() override;
+
+    // Called on the receive thread when the link's state changes.
+    void set_state_callback(StateCallback callback);
+    CanLinkState link_state() const;
+    CanBusCounters counters() const;
+    bool fd() const { return options_.isotp.fd; }
+
+private:
+    void run();
+    std::shared_ptr<StateCallback> note_state(CanLinkState state);
+    void transmit(const std::vector<CanFrame>& frames);
+    bool transmit_one(const CanFrame& frame);
+    bool answer_locally(int address, const std::vector<uint8_t>& frame);
+    std::chrono::nanoseconds time_until_deadline() const;
+    void deliver(std::vector<can::ReceivedMessage>& messages);
+
+    const CanBusOptions options_;
+    const std::unique_ptr<CanLink> link_;
+    CallbackRegistry callbacks_;
+
+    mutable std::mutex mutex_;  // guards everything below; frames are sent under it, in order
+    can::Node node_;
+    std::deque<can::ReceivedMessage> local_replies_;  // the adapter's answers, for the receive thread
+    CanBusCounters counters_;
+    CanLinkState state_ = CanLinkState::active;
+    std::shared_ptr<StateCallback> state_callback_;
+    bool closed_ = false;
+    bool stopping_ = false;
+
+    std::thread receiver_;  // last: starts after everything above exists
+};
+
+}  // namespace ocp_api

@@ -1,0 +1,30 @@
+// Simulated time for emulated devices: steps of 100 us that follow the wall
+// clock times a scale. Every bus hosting emulated devices keeps its devices'
+// steps with one of these.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+
+namespace ocp_api::detail {
+
+class DeviceClock {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    static constexpr double SECONDS_PER_STEP = 1e-4;  // the devices' control period
+
+    DeviceClock(Clock::time_point epoch, double time_scale);
+
+    // The step the devices should have reached at wall time `now`.
+    int64_t step_at(Clock::time_point now) const;
+    // The first wall instant at which step_at() reaches `step`.
+    Clock::time_point time_of_step(int64_t step) const;
+    double time_scale() const { return time_scale_; }
+
+private:
+    Clock::time_point epoch_;
+    double time_scale_;
+};
+
+}  // namespace ocp_api::detail

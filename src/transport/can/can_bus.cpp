@@ -1,0 +1,185 @@
+// The host side of the CAN mapping over any CanLink: one receive thread
+// reassembles replies, paces segmented commands and runs the callbacks.
+#include "ocp_api/can_bus.hpp"
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "emulation/adapter.hpp"
+#include "ocp_api/wire.hpp"
+
+namespace ocp_api {
+
+namespace {
+
+using Clock = can::IsoTpClock;
+
+// With nothing due the receive thread still wakes this often; wake() cuts any
+// wait short, so this only bounds how stale a missed wake could leave it.
+constexpr std::chrono::milliseconds IDLE_WAIT{200};
+
+bool stops_traffic(CanLinkState state) { return state == CanLinkState::bus_off || state == CanLinkState::down; }
+
+bool is_error_state(CanLinkState state) { return state != CanLinkState::active; }
+
+}  // namespace
+
+CanBus::CanBus(std::unique_ptr<CanLink> link, CanBusOptions options)
+    : options_(options),
+      link_(link ? std::move(link) : throw std::invalid_argument("CanBus needs a CAN link")),
+      node_(can::Role::host, options.isotp) {
+    if (options_.isotp.fd && !link_->fd()) throw std::invalid_argument("CAN-FD asked of a link that carries only classic CAN");
+    receiver_ = std::thread([this] { run(); });
+}
+
+CanBus::~CanBus() {
+    close();
+    if (receiver_.joinable()) receiver_.join();
+}
+
+bool CanBus::send(int address, const std::vector<uint8_t>& frame) {
+    if (address == wire::ADAPTER_ADDRESS) return answer_locally(address, frame);
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (closed_ || stops_traffic(state_)) return false;
+    std::vector<CanFrame> out;
+    if (!node_.queue(address, 0, frame, Clock::now(), out)) return false;
+    const bool handed_over = std::all_of(out.begin(), out.end(), [this](const CanFrame& f) { return transmit_one(f); });
+    // A segmented command now waits for flow control: the receive thread must
+    // see its new deadline.
+    if (node_.deadline()) link_->wake();
+    return handed_over;
+}
+
+// The adapter at address 0 is this transport itself: it answers a PING with
+// its own reply, delivered on the receive thread like any other.
+bool CanBus::answer_locally(int address, const std::vector<uint8_t>& frame) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (closed_) return false;
+    if (auto answer = detail::adapter_answer(frame)) {
+        local_replies_.push_back({address, wire::REPLY_STREAMED, std::move(*answer)});
+        link_->wake();
+    }
+    return true;
+}
+
+void CanBus::setCallback(int address, ReceiveCallback callback) { callbacks_.set(address, std::move(callback)); }
+
+void CanBus::removeCallback(int address) { callbacks_.remove(address); }
+
+void CanBus::close() {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (closed_) return;
+        closed_ = true;
+        stopping_ = true;
+    }
+    link_->wake();
+    // From inside a callback the thread cannot wait for itself: it leaves its
+    // loop when the callback returns, and the destructor joins it.
+    if (receiver_.joinable() && receiver_.get_id() != std::this_thread::get_id()) receiver_.join();
+}
+
+void CanBus::set_state_callback(StateCallback callback) {
+    auto shared = callback ? std::make_shared<StateCallback>(std::move(callback)) : nullptr;
+    std::lock_guard<std::mutex> lock(mutex_);
+    state_callback_ = std::move(shared);
+}
+
+CanLinkState CanBus::link_state() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return state_;
+}
+
+CanBusCounters CanBus::counters() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    CanBusCounters counters = counters_;
+    const can::NodeCounters node = node_.counters();
+    counters.frames_in = node.frames_in;
+    counters.foreign_frames = node.foreign_frames;
+    counters.messages_in = node.isotp.messages_in;
+    counters.messages_out = node.isotp.messages_out;
+    counters.segmentation_errors = node.isotp.segmentation_errors;
+    counters.timeouts = node.isotp.timeouts;
+    counters.drops += node.isotp.dropped;
+    return counters;
+}
+
+// Called with the lock held. A frame the adapter still cannot take after a
+// short retry is dropped (its message is then incomplete, and the device
+// drops it on its time-out).
+bool CanBus::transmit_one(const CanFrame& frame) {
+    switch (send_frame_retrying(*link_, frame, options_.busy_retry)) {
+    case CanLink::SendResult::sent:
+        ++counters_.frames_out;
+        return true;
+    case CanLink::SendResult::failed:
+        ++counters_.link_errors;
+        return false;
+    case CanLink::SendResult::busy:
+        ++counters_.drops;
+        return false;
+    }
+    return false;
+}
+
+void CanBus::transmit(const std::vector<CanFrame>& frames) {
+    for (const CanFrame& frame : frames) transmit_one(frame);
+}
+
+std::chrono::nanoseconds CanBus::time_until_deadline() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!local_replies_.empty()) return std::chrono::nanoseconds(0);
+    const std::optional<can::IsoTpTime> deadline = node_.deadline();
+    if (!deadline) return IDLE_WAIT;
+    return std::clamp<std::chrono::nanoseconds>(*deadline - Clock::now(), std::chrono::nanoseconds(0), IDLE_WAIT);
+}
+
+// Called with the lock held; returns the state callback to run, if any.
+std::shared_ptr<CanBus::StateCallback> CanBus::note_state(CanLinkState state) {
+    if (state == state_) return nullptr;
+    if (stops_traffic(state_) && !stops_traffic(state)) ++counters_.restarts;
+    if (is_error_state(state)) ++counters_.link_errors;
+    // Half-sent commands cannot finish across bus-off or a downed interface.
+    if (stops_traffic(state)) node_.abandon_sending();
+    state_ = state;
+    return state_callback_;
+}
+
+void CanBus::run() {
+    std::vector<can::ReceivedMessage> messages;
+    std::vector<CanFrame> out;
+    for (;;) {
+        const CanLinkEvent event = link_->receive(time_until_deadline());
+        std::shared_ptr<StateCallback> state_callback;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (stopping_) return;
+            const auto now = Clock::now();
+            if (event.type == CanLinkEvent::Type::frame) node_.on_frame(event.frame, now, out, messages);
+            if (event.type == CanLinkEvent::Type::state) state_callback = note_state(event.state);
+            node_.on_time(now, out);
+            transmit(out);
+            out.clear();
+            while (!local_replies_.empty()) {
+                messages.push_back(std::move(local_replies_.front()));
+                local_replies_.pop_front();
+            }
+        }
+        // Callbacks run without the bus's lock: they may send, and the
+        // registry keeps its own promise about removal.
+        if (state_callback) (*state_callback)(event.state);
+        deliver(messages);
+        messages.clear();
+    }
+}
+
+void CanBus::deliver(std::vector<can::ReceivedMessage>& messages) {
+    uint64_t unclaimed = 0;
+    for (auto& message : messages)
+        unclaimed += !callbacks_.dispatch(message.address, std::move(message.bytes), message.kind);
+    if (unclaimed == 0) return;
+    std::lock_guard<std::mutex> lock(mutex_);
+    counters_.replies_unclaimed += unclaimed;
+}
+
+}  // namespace ocp_api

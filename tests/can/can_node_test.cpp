@@ -1,0 +1,146 @@
+#include "ocp_api/can_node.hpp"
+
+#include <gtest/gtest.h>
+
+#include <numeric>
+#include <set>
+
+namespace {
+
+using namespace ocp_api;
+using namespace ocp_api::can;
+using namespace std::chrono_literals;
+using Bytes = std::vector<uint8_t>;
+using Frames = std::vector<CanFrame>;
+using Messages = std::vector<ReceivedMessage>;
+
+const IsoTpTime T0 = IsoTpTime{} + 1000s;
+
+Bytes counting(std::size_t size) {
+    Bytes bytes(size);
+    std::iota(bytes.begin(), bytes.end(), uint8_t{0});
+    return bytes;
+}
+
+// A host and a device side passing every frame to each other until quiet.
+struct Pair {
+    Node host{Role::host, IsoTpOptions{}};
+    Node device{Role::device, IsoTpOptions{}, [](int address) { return address == 0x21 || address == 0x22; }};
+    Messages at_host;
+    Messages at_device;
+
+    void exchange(Frames frames_from_host, Frames frames_from_device) {
+        while (!frames_from_host.empty() || !frames_from_device.empty()) {
+            Frames next_from_host;
+            Frames next_from_device;
+            for (const auto& frame : frames_from_host) device.on_frame(frame, T0, next_from_device, at_device);
+            for (const auto& frame : frames_from_device) host.on_frame(frame, T0, next_from_host, at_host);
+            frames_from_host = std::move(next_from_host);
+            frames_from_device = std::move(next_from_device);
+        }
+    }
+};
+
+TEST(CanNode, CommandsReachTheDeviceAndRepliesTheHostWithTheirKind) {
+    Pair pair;
+    Frames out;
+    ASSERT_TRUE(pair.host.queue(0x21, 0, counting(50), T0, out));
+    ASSERT_EQ(out.size(), 1u);
+    EXPECT_EQ(out[0].id, 0x00D00021u);
+    pair.exchange(std::move(out), {});
+    ASSERT_EQ(pair.at_device.size(), 1u);
+    EXPECT_EQ(pair.at_device[0].address, 0x21);
+    EXPECT_EQ(pair.at_device[0].bytes, counting(50));
+
+    Frames replies;
+    ASSERT_TRUE(pair.device.queue(0x22, 1, counting(155), T0, replies));
+    ASSERT_TRUE(pair.device.queue(0x22, 0, counting(3), T0, replies));  // waits for the first
+    ASSERT_EQ(replies.size(), 1u);
+    EXPECT_EQ(replies[0].id, 0x00D0C022u);
+    pair.exchange({}, std::move(replies));
+    ASSERT_EQ(pair.at_host.size(), 2u);
+    EXPECT_EQ(pair.at_host[0].address, 0x22);
+    EXPECT_EQ(pair.at_host[0].kind, 1);
+    EXPECT_EQ(pair.at_host[0].bytes, counting(155));
+    EXPECT_EQ(pair.at_host[1].kind, 0);
+    EXPECT_EQ(pair.at_host[1].bytes, counting(3));
+}
+
+TEST(CanNode, FlowControlUsesThePartnerIdentifiers) {
+    Node host{Role::host, IsoTpOptions{}};
+    Node device{Role::device, IsoTpOptions{}};
+    Frames out;
+    Messages messages;
+    host.queue(0x21, 0, counting(20), T0, out);
+    Frames fc;
+    device.on_frame(out[0], T0, fc, messages);
+    ASSERT_EQ(fc.size(), 1u);
+    EXPECT_EQ(fc[0].id, 0x00D04021u);
+    out.clear();
+    device.queue(0x21, 1, counting(20), T0, out);
+    fc.clear();
+    host.on_frame(out[0], T0, fc, messages);
+    ASSERT_EQ(fc.size(), 1u);
+    EXPECT_EQ(fc[0].id, 0x00D00021u);
+}
+
+TEST(CanNode, DeviceSideIgnoresAddressesItDoesNotServe) {
+    Pair pair;
+    Frames out;
+    pair.host.queue(0x23, 0, counting(20), T0, out);
+    Frames fc;
+    pair.device.on_frame(out[0], T0, fc, pair.at_device);
+    EXPECT_TRUE(fc.empty());  // no flow control for another device's traffic
+    EXPECT_EQ(pair.device.counters().foreign_frames, 1u);
+}
+
+TEST(CanNode, ForeignFramesAreCounted) {
+    Node host{Role::host, IsoTpOptions{}};
+    Frames out;
+    Messages messages;
+    CanFrame frame;
+    frame.len = 2;
+    frame.data[0] = 0x01;
+    frame.extended = false;
+    frame.id = 0x021;
+    host.on_frame(frame, T0, out, messages);       // 11-bit
+    frame.extended = true;
+    frame.id = 0x00D00021;
+    host.on_frame(frame, T0, out, messages);       // a command, not a reply
+    frame.id = 0x18DAF110;
+    host.on_frame(frame, T0, out, messages);       // somebody else's traffic
+    frame.id = 0x00D04021;
+    host.on_frame(frame, T0, out, messages);       // ours
+    EXPECT_EQ(messages.size(), 1u);
+    EXPECT_EQ(host.counters().frames_in, 4u);
+    EXPECT_EQ(host.counters().foreign_frames, 3u);
+}
+
+TEST(CanNode, QueueRefusesBadAddressesAndKinds) {
+    Node host{Role::host, IsoTpOptions{}};
+    Node device{Role::device, IsoTpOptions{}};
+    Frames out;
+    EXPECT_FALSE(host.queue(0x4000, 0, {1}, T0, out));
+    EXPECT_FALSE(host.queue(-1, 0, {1}, T0, out));
+    EXPECT_FALSE(host.queue(0x21, 1, {1}, T0, out));
+    EXPECT_FALSE(device.queue(0x21, 2, {1}, T0, out));
+    EXPECT_FALSE(host.queue(0x21, 0, {}, T0, out));
+    EXPECT_TRUE(out.empty());
+}
+
+TEST(CanNode, DeadlineIsTheEarliestOfItsTransfers) {
+    Node host{Role::host, IsoTpOptions{}};
+    Frames out;
+    EXPECT_FALSE(host.deadline());
+    host.queue(0x21, 0, counting(20), T0, out);
+    host.queue(0x22, 0, counting(20), T0 + 10ms, out);
+    EXPECT_EQ(host.deadline(), T0 + 1s);
+    host.on_time(T0 + 1s, out);
+    EXPECT_EQ(host.deadline(), T0 + 1010ms);
+    EXPECT_EQ(host.counters().isotp.timeouts, 1u);
+    host.abandon_sending();
+    EXPECT_FALSE(host.deadline());
+    EXPECT_EQ(host.counters().isotp.dropped, 2u);
+}
+
+}  // namespace

@@ -1,0 +1,128 @@
+#include "ocp_api/can_device_host.hpp"
+
+#include <gtest/gtest.h>
+
+#include "ocp_api/virtual_can.hpp"
+#include "ocp_api/wire.hpp"
+#include "support/eventually.hpp"
+
+namespace {
+
+using namespace ocp_api;
+using namespace std::chrono_literals;
+using ocp_test::eventually;
+using Bytes = std::vector<uint8_t>;
+
+Bytes bytes_of(const CanFrame& frame) { return Bytes(frame.data.begin(), frame.data.begin() + frame.len); }
+
+CanFrame frame_of(uint32_t id, const Bytes& bytes, bool fd = false) {
+    CanFrame frame;
+    frame.id = id;
+    frame.fd = fd;
+    frame.len = static_cast<uint8_t>(bytes.size());
+    std::copy(bytes.begin(), bytes.end(), frame.data.begin());
+    return frame;
+}
+
+// The next frame on `link`, skipping none; an empty frame on a time-out.
+CanFrame next_frame(CanLink& link, std::chrono::nanoseconds within = 10s) {
+    const CanLinkEvent event = link.receive(within);
+    return event.type == CanLinkEvent::Type::frame ? event.frame : CanFrame{};
+}
+
+TEST(CanDeviceHost, AddRemoveAndFindDevices) {
+    VirtualCanChannel channel;
+    CanDeviceHost host(channel.open());
+    host.add_actuator(0x21, 3, 0x0842);
+    try {
+        host.add_actuator(0x21);
+        ADD_FAILURE();
+    } catch (const std::invalid_argument& error) {
+        EXPECT_STREQ(error.what(), "Address 0x21 is already taken on this CAN link");
+    }
+    try {
+        host.add_actuator(0x3FFF);
+        ADD_FAILURE();
+    } catch (const std::invalid_argument& error) {
+        EXPECT_STREQ(error.what(), "Invalid address 0x3fff for an emulated actuator: must be 0x10..0x3ffe");
+    }
+    host.add_actuator(0x22, 6, 0x0843);
+    EXPECT_EQ(host.actuator_count(), 2u);
+    EXPECT_EQ(host.actuator(0x22).model_code(), 6);
+    host.remove_actuator(0x21);
+    EXPECT_EQ(host.actuator_count(), 1u);
+    EXPECT_THROW(host.actuator(0x21), std::out_of_range);
+    EXPECT_THROW(host.remove_actuator(0x21), std::out_of_range);
+}
+
+TEST(CanDeviceHost, AnswersAPingWithTheDocumentedFrame) {
+    VirtualCanChannel channel;
+    auto tester = channel.open();
+    CanDeviceHost host(channel.open());
+    host.add_actuator(0x21, 3, 0x0842);
+    std::mutex mutex;
+    std::vector<std::pair<int, Bytes>> seen;
+    host.set_command_observer([&](int address, const Bytes& command) {
+        std::lock_guard<std::mutex> lock(mutex);
+        seen.emplace_back(address, command);
+    });
+    tester->send_frame(frame_of(0x00D00021, {0x01, 0x40, 0xCC, 0xCC, 0xCC, 0xCC, 0xCC, 0xCC}));
+    const CanFrame reply = next_frame(*tester);
+    EXPECT_EQ(reply.id, 0x00D04021u);
+    EXPECT_EQ(bytes_of(reply), (Bytes{0x05, 0x80, 0x03, 0x00, 0x42, 0x08, 0xCC, 0xCC}));
+    ASSERT_TRUE(eventually([&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        return seen.size() == 1;
+    }));
+    EXPECT_EQ(seen[0], (std::pair<int, Bytes>{0x21, Bytes{0x40}}));
+    EXPECT_EQ(host.counters().commands_in, 1u);
+}
+
+TEST(CanDeviceHost, AnswersOnCanFdWithFdFrames) {
+    VirtualCanChannel channel;
+    auto tester = channel.open(true);
+    CanDeviceHostOptions options;
+    options.isotp.fd = true;
+    CanDeviceHost host(channel.open(true), options);
+    host.add_actuator(0x21, 3, 0x0842);
+    tester->send_frame(frame_of(0x00D00021, {0x01, 0x40, 0xCC, 0xCC, 0xCC, 0xCC, 0xCC, 0xCC}, true));
+    const CanFrame reply = next_frame(*tester);
+    EXPECT_TRUE(reply.fd);
+    EXPECT_EQ(bytes_of(reply), (Bytes{0x05, 0x80, 0x03, 0x00, 0x42, 0x08, 0xCC, 0xCC}));
+}
+
+TEST(CanDeviceHost, SilentAndAbsentDevicesSendNothingNotEvenFlowControl) {
+    VirtualCanChannel channel;
+    auto tester = channel.open();
+    CanDeviceHost host(channel.open());
+    host.add_actuator(0x21).set_silent(true);
+    tester->send_frame(frame_of(0x00D00021, {0x10, 0x14, 1, 2, 3, 4, 5, 6}));
+    tester->send_frame(frame_of(0x00D00022, {0x10, 0x14, 1, 2, 3, 4, 5, 6}));
+    ASSERT_TRUE(eventually([&] { return host.counters().frames_in == 2; }));
+    EXPECT_EQ(host.counters().foreign_frames, 2u);
+    EXPECT_EQ(next_frame(*tester, 50ms).len, 0);
+    EXPECT_EQ(host.counters().frames_out, 0u);
+}
+
+TEST(CanDeviceHost, InjectedErrorIsSentAtOnce) {
+    VirtualCanChannel channel;
+    auto tester = channel.open();
+    CanDeviceHost host(channel.open());
+    host.add_actuator(0x21).inject_errors(1u << 16);
+    const CanFrame record = next_frame(*tester);
+    EXPECT_EQ(record.id, 0x00D04021u);
+    EXPECT_EQ(bytes_of(record), (Bytes{0x05, 0x82, 0x00, 0x00, 0x01, 0x00, 0xCC, 0xCC}));
+}
+
+TEST(CanDeviceHost, RejectsAMissingLinkAndNonsenseOptions) {
+    VirtualCanChannel channel;
+    EXPECT_THROW(CanDeviceHost(nullptr), std::invalid_argument);
+    CanDeviceHostOptions fd;
+    fd.isotp.fd = true;
+    EXPECT_THROW(CanDeviceHost(channel.open(false), fd), std::invalid_argument);
+    CanDeviceHostOptions slow;
+    slow.time_scale = 0.0;
+    EXPECT_THROW(CanDeviceHost(channel.open(), slow), std::invalid_argument);
+}
+
+}  // namespace
