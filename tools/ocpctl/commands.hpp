@@ -18,5 +18,6 @@ void add_device_commands(CLI::App& app, const GlobalOptions& global, Runner& run
 void add_motion_commands(CLI::App& app, const GlobalOptions& global, Runner& runner);
 void add_simulate_command(CLI::App& app, Runner& runner);
 void add_demo_command(CLI::App& app, Runner& runner);
+void add_dump_command(CLI::App& app, const GlobalOptions& global, Runner& runner);
 
 }  // namespace ocpctl
