@@ -255,7 +255,12 @@ TEST(Ocpctl, BadInputIsRejectedWithStatusTwo) {
         {{"params", "set", "0x21", "LIMIT_TORQUE"}, "ocpctl: expected NAME=VALUE, got 'LIMIT_TORQUE' (for example LIMIT_TORQUE=2.5)\n"},
         {{"params", "set", "0x21", "LIMIT_TORQUE=lots"}, "ocpctl: invalid LIMIT_TORQUE value 'lots' (expected a number)\n"},
         {{"bootloader", "0x21"}, "ocpctl: bootloader needs --yes: the device leaves normal operation until it is power-cycled\n"},
-        {{"--bus", "socketcan:can0", "scan"}, "ocpctl: unknown bus 'socketcan:can0' (known: sim or sim:ADDR,ADDR,..."},
+        {{"--bus", "can:can0", "scan"},
+         "ocpctl: unknown bus 'can:can0' (known: sim[:ADDR,ADDR,...], socketcan:IF[,fd][,dlen=N])\n"},
+        {{"--bus", "sim:0x21,0x21", "scan"}, "ocpctl: address 0x21 is listed twice in bus 'sim:0x21,0x21'\n"},
+        {{"--bus", "socketcan:can0,fast", "scan"},
+         "ocpctl: invalid option 'fast' in bus 'socketcan:can0,fast' (expected fd, or dlen= one of 8, 12, 16, 20, 24, "
+         "32, 48, 64)\n"},
         {{"address", "0x21", "0x21"}, "ocpctl: the device already has address 0x21\n"},
     };
     for (const auto& bad : cases) {
@@ -265,6 +270,17 @@ TEST(Ocpctl, BadInputIsRejectedWithStatusTwo) {
         EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << "one line: " << result.err;
         EXPECT_EQ(result.out, "");
     }
+}
+
+// Here the host may have no CAN stack at all; inside the VM the exact reasons
+// (missing, down) are checked.
+TEST(Ocpctl, AnInterfaceThatCannotBeOpenedIsNamed) {
+    const auto result = ocpctl({"--bus", "socketcan:nosuch0", "scan"});
+    EXPECT_EQ(result.exit_status, 1);
+    const std::string prefix = "ocpctl: CAN interface nosuch0: ";
+    EXPECT_EQ(result.err.compare(0, prefix.size(), prefix), 0) << result.err;
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+    EXPECT_EQ(result.out, "");
 }
 
 TEST(Ocpctl, ASilentDeviceIsNamedWithTheTimeWaited) {

@@ -1,10 +1,9 @@
-// Choosing the bus: one parser for every --bus value, so that new transports
-// add an entry here and every command can use them.
+// Choosing the bus: every --bus value goes to the library's open_bus(), so
+// each transport it knows works with every command.
 #pragma once
 
 #include <memory>
 #include <string>
-#include <vector>
 
 #include <ocp_api/ocp.hpp>
 #include <ocp_api/sim_bus.hpp>
@@ -12,28 +11,26 @@
 namespace ocpctl {
 
 struct BusChoice {
-    std::string scheme;     // "sim"
-    std::string argument;   // what follows the colon, if anything
-    std::string text;       // as the user wrote it
+    std::string text;  // as the user wrote it, e.g. "sim:0x21" or "socketcan:can0,fd"
 };
 
-// Splits and checks a --bus value; throws UsageError for an unknown scheme or
-// a malformed argument, before anything is opened.
 BusChoice parse_bus(const std::string& text);
+
+// "Bus: sim[:ADDR,...] (...); socketcan:IF[,fd][,dlen=N] (...)" for --help.
+std::string bus_option_help();
 
 class Bus {
 public:
+    // Throws UsageError for an unknown scheme or a malformed argument, and
+    // std::system_error (naming the interface) when a SocketCAN interface is
+    // missing or down.
     explicit Bus(const BusChoice& choice);
     ocp_api::OCP& transport() { return *transport_; }
     // The simulated bus behind the transport, or nullptr on a real one.
-    ocp_api::SimBus* simulated() { return sim_; }
+    ocp_api::SimBus* simulated() { return dynamic_cast<ocp_api::SimBus*>(transport_.get()); }
 
 private:
     std::unique_ptr<ocp_api::OCP> transport_;
-    ocp_api::SimBus* sim_ = nullptr;
 };
-
-// The emulated actuators a plain "sim" bus holds.
-std::vector<int> default_sim_addresses();
 
 }  // namespace ocpctl

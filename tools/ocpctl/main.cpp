@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <ocp_api/version.hpp>
 
+#include "bus.hpp"
 #include "commands.hpp"
 
 namespace {
@@ -42,7 +43,7 @@ int main(int argc, char** argv) {
     app.fallthrough();  // global options may follow the subcommand
 
     ocpctl::GlobalOptions global;
-    app.add_option("--bus", global.bus, "Bus: sim or sim:ADDR,ADDR,...")->capture_default_str();
+    app.add_option("--bus", global.bus, ocpctl::bus_option_help())->capture_default_str();
     app.add_option("--timeout", global.timeout_s, "Seconds to wait for a device's answer")->capture_default_str();
 
     ocpctl::Runner runner;

@@ -1,0 +1,33 @@
+// Opening a bus by a short text, the same way in every program and tool:
+//
+//   sim                        a simulated bus with emulated actuators at 0x21, 0x22, 0x23
+//   sim:0x21,0x40              ... at the addresses listed
+//   socketcan:can0             a SocketCAN interface, classic CAN
+//   socketcan:can0,fd          ... with CAN-FD frames of 64 bytes
+//   socketcan:can0,fd,dlen=16  ... with CAN-FD frames of at most 16 bytes
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ocp_api/ocp.hpp"
+
+namespace ocp_api {
+
+struct BusScheme {
+    std::string name;         // "socketcan"
+    std::string usage;        // "socketcan:IF[,fd][,dlen=N]"
+    std::string description;  // one line for help texts
+};
+
+// Every scheme open_bus() knows, in the order help texts list them.
+std::vector<BusScheme> bus_schemes();
+
+// Opens the bus `spec` names. Throws std::invalid_argument for an unknown
+// scheme (the message lists the known ones) or a malformed argument, and
+// whatever the transport throws when it cannot open (std::system_error naming
+// the interface for SocketCAN).
+std::unique_ptr<OCP> open_bus(const std::string& spec);
+
+}  // namespace ocp_api

@@ -1,0 +1,134 @@
+#include "ocp_api/bus_factory.hpp"
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <stdexcept>
+
+#include "ocp_api/sim_bus.hpp"
+#include "ocp_api/socketcan_bus.hpp"
+#include "ocp_api/wire.hpp"
+
+namespace ocp_api {
+
+namespace {
+
+std::vector<std::string> split(const std::string& text, char separator) {
+    std::vector<std::string> parts;
+    std::size_t start = 0;
+    while (true) {
+        const std::size_t end = text.find(separator, start);
+        parts.push_back(text.substr(start, end == std::string::npos ? std::string::npos : end - start));
+        if (end == std::string::npos) return parts;
+        start = end + 1;
+    }
+}
+
+bool parse_number(const std::string& text, long& value) {
+    if (text.empty()) return false;
+    char* end = nullptr;
+    errno = 0;
+    value = std::strtol(text.c_str(), &end, 0);
+    return errno == 0 && end == text.c_str() + text.size();
+}
+
+// A plain "sim" bus, and the models given in turn to the listed addresses:
+// HERON_A, KESTREL_B, HERON_C.
+constexpr int DEFAULT_SIM_ADDRESSES[] = {0x21, 0x22, 0x23};
+constexpr uint16_t SIM_MODELS[] = {3, 2, 6};
+constexpr uint16_t SIM_FIRMWARE[] = {0x0842, 0x0903, 0x1001};
+
+std::vector<int> sim_addresses(const std::string& argument) {
+    if (argument.empty()) return {std::begin(DEFAULT_SIM_ADDRESSES), std::end(DEFAULT_SIM_ADDRESSES)};
+    std::vector<int> addresses;
+    for (const std::string& part : split(argument, ',')) {
+        long address = 0;
+        if (!parse_number(part, address) || address < wire::MIN_DEVICE_ADDRESS || address > wire::MAX_DEVICE_ADDRESS) {
+            throw std::invalid_argument("invalid address '" + part + "' in bus 'sim:" + argument +
+                                        "' (expected addresses such as 0x21 or 33, in 0x10..0x3FFE)");
+        }
+        for (const int taken : addresses) {
+            if (taken == address) {
+                throw std::invalid_argument("address " + part + " is listed twice in bus 'sim:" + argument + "'");
+            }
+        }
+        addresses.push_back(static_cast<int>(address));
+    }
+    return addresses;
+}
+
+std::unique_ptr<OCP> open_sim(const std::string& argument) {
+    const std::vector<int> addresses = sim_addresses(argument);
+    auto bus = std::make_unique<SimBus>();
+    for (std::size_t i = 0; i < addresses.size(); ++i) {
+        const std::size_t model = i % (sizeof SIM_MODELS / sizeof SIM_MODELS[0]);
+        bus->add_actuator(addresses[i], SIM_MODELS[model], SIM_FIRMWARE[model]);
+    }
+    return bus;
+}
+
+std::unique_ptr<OCP> open_socketcan(const std::string& argument) {
+    const std::vector<std::string> parts = split(argument, ',');
+    if (parts[0].empty()) throw std::invalid_argument("bus 'socketcan:' needs an interface name, e.g. socketcan:can0");
+    SocketCanBusOptions options;
+    bool length_given = false;
+    for (std::size_t i = 1; i < parts.size(); ++i) {
+        long length = 0;
+        if (parts[i] == "fd") {
+            options.fd = true;
+        } else if (parts[i].rfind("dlen=", 0) == 0 && parse_number(parts[i].substr(5), length) && length >= 8 &&
+                   length <= 64 && can::fd_frame_length(static_cast<std::size_t>(length)) == length) {
+            options.fd_data_length = static_cast<uint8_t>(length);
+            length_given = true;
+        } else {
+            throw std::invalid_argument("invalid option '" + parts[i] + "' in bus 'socketcan:" + argument +
+                                        "' (expected fd, or dlen= one of 8, 12, 16, 20, 24, 32, 48, 64)");
+        }
+    }
+    if (length_given && !options.fd) {
+        throw std::invalid_argument("dlen applies to CAN-FD only: add ',fd' to bus 'socketcan:" + argument + "'");
+    }
+    return std::make_unique<SocketCanBus>(parts[0], options);
+}
+
+struct SchemeEntry {
+    BusScheme scheme;
+    std::unique_ptr<OCP> (*open)(const std::string& argument);
+};
+
+// The one table of bus schemes.
+const std::vector<SchemeEntry>& scheme_table() {
+    static const std::vector<SchemeEntry> table = {
+        {{"sim", "sim[:ADDR,ADDR,...]", "a simulated bus with emulated actuators, by default at 0x21, 0x22, 0x23"},
+         open_sim},
+        {{"socketcan", "socketcan:IF[,fd][,dlen=N]", "a SocketCAN interface such as can0, optionally CAN-FD"},
+         open_socketcan},
+    };
+    return table;
+}
+
+std::string known_schemes() {
+    std::string text;
+    for (const SchemeEntry& entry : scheme_table()) text += (text.empty() ? "" : ", ") + entry.scheme.usage;
+    return text;
+}
+
+}  // namespace
+
+std::vector<BusScheme> bus_schemes() {
+    std::vector<BusScheme> schemes;
+    for (const SchemeEntry& entry : scheme_table()) schemes.push_back(entry.scheme);
+    return schemes;
+}
+
+std::unique_ptr<OCP> open_bus(const std::string& spec) {
+    const std::size_t colon = spec.find(':');
+    const std::string name = spec.substr(0, colon);
+    const std::string argument = colon == std::string::npos ? "" : spec.substr(colon + 1);
+    for (const SchemeEntry& entry : scheme_table()) {
+        if (entry.scheme.name == name) return entry.open(argument);
+    }
+    throw std::invalid_argument("unknown bus '" + spec + "' (known: " + known_schemes() + ")");
+}
+
+}  // namespace ocp_api
