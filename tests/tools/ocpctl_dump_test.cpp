@@ -106,7 +106,7 @@ TEST(OcpctlDumpArguments, MissingOrUnreadableLogIsAUsageError) {
     const auto none = ocpctl({"dump"});
     EXPECT_EQ(none.exit_status, 2);
     EXPECT_EQ(none.err,
-              "ocpctl: dump needs --log FILE (a candump -L recording, - for standard input); bus 'sim' carries "
+              "ocpctl: dump needs --log FILE (a candump -L recording, - for standard input) or --bus socketcan:IF; bus 'sim' carries "
               "no CAN frames to watch\n");
     const auto directory = ocpctl({"dump", "--log", "/"});
     EXPECT_EQ(directory.exit_status, 2);

@@ -1,5 +1,6 @@
-// ocpctl dump: the traffic of a candump -L log as one decoded line (or JSON
-// object) per message, reassembled from its CAN frames.
+// ocpctl dump: the traffic of a candump -L log, or of a live SocketCAN
+// interface, as one decoded line (or JSON object) per message, reassembled
+// from its CAN frames.
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -10,9 +11,11 @@
 #include <memory>
 
 #include <nlohmann/json.hpp>
+#include <ocp_api/bus_factory.hpp>
 #include <ocp_api/can_traffic.hpp>
 #include <ocp_api/candump_log.hpp>
 #include <ocp_api/message_decoder.hpp>
+#include <ocp_api/socketcan_link.hpp>
 
 #include "commands.hpp"
 
@@ -194,10 +197,53 @@ int dump_log(std::istream& in, const std::string& name, bool json) {
     return 0;
 }
 
+const char* state_text(ocp_api::CanLinkState state) {
+    switch (state) {
+        case ocp_api::CanLinkState::active: return "active";
+        case ocp_api::CanLinkState::error_warning: return "error-warning";
+        case ocp_api::CanLinkState::error_passive: return "error-passive";
+        case ocp_api::CanLinkState::bus_off: return "bus-off";
+        case ocp_api::CanLinkState::down: return "down";
+    }
+    return "?";
+}
+
+// Watches a live interface until Ctrl-C or SIGTERM; sends nothing.
+int dump_live(const ocp_api::SocketCanSpec& spec, bool json) {
+    StopSignal stop;
+    ocp_api::SocketCanLinkOptions options;
+    options.fd = spec.fd;
+    ocp_api::SocketCanLink link(spec.interface, options);
+    Dump dump(json);
+    while (!stop.raised()) {
+        const ocp_api::CanLinkEvent event = link.receive(std::chrono::milliseconds(50));
+        if (event.type == ocp_api::CanLinkEvent::Type::frame) {
+            LoggedFrame logged;
+            logged.timestamp = std::chrono::duration_cast<std::chrono::microseconds>(
+                std::chrono::system_clock::now().time_since_epoch());
+            logged.interface = spec.interface;
+            logged.frame = event.frame;
+            dump.frame(logged);
+            std::fflush(stdout);
+        } else if (event.type == ocp_api::CanLinkEvent::Type::state) {
+            std::fprintf(stderr, "ocpctl: %s is %s\n", spec.interface.c_str(), state_text(event.state));
+        }
+    }
+    dump.finish();
+    return stop.exit_status();
+}
+
 int run_dump(const DumpOptions& options, const GlobalOptions& global) {
-    if (options.log.empty())
-        throw UsageError("dump needs --log FILE (a candump -L recording, - for standard input); bus '" + global.bus +
-                         "' carries no CAN frames to watch");
+    if (options.log.empty()) {
+        if (global.bus.rfind("socketcan:", 0) != 0)
+            throw UsageError("dump needs --log FILE (a candump -L recording, - for standard input) or --bus "
+                             "socketcan:IF; bus '" + global.bus + "' carries no CAN frames to watch");
+        try {
+            return dump_live(ocp_api::parse_socketcan_spec(global.bus), options.json);
+        } catch (const std::invalid_argument& error) {
+            throw UsageError(error.what());
+        }
+    }
     if (options.log == "-") return dump_log(std::cin, "standard input", options.json);
     // A directory opens as a file that reads as empty; say what it is instead.
     std::error_code error;
@@ -212,7 +258,7 @@ int run_dump(const DumpOptions& options, const GlobalOptions& global) {
 
 void add_dump_command(CLI::App& app, const GlobalOptions& global, Runner& runner) {
     auto options = std::make_shared<DumpOptions>();
-    CLI::App* dump = app.add_subcommand("dump", "Decode CAN traffic: one line per command or reply");
+    CLI::App* dump = app.add_subcommand("dump", "Decode CAN traffic (a log, or live with --bus socketcan:IF)");
     dump->add_option("--log", options->log, "A candump -L recording to decode; - reads standard input");
     dump->add_flag("--json", options->json, "One JSON object per line");
     dump->footer(
@@ -220,6 +266,7 @@ void add_dump_command(CLI::App& app, const GlobalOptions& global, Runner& runner
         "answers to GET_ITEMS), then the decoded command or reply. Frames that are not ours are\n"
         "shown as not-ours, broken segmentation with !!.\n"
         "Examples:\n  candump -L can0 > session.log\n  ocpctl dump --log session.log\n"
+        "  ocpctl --bus socketcan:can0 dump\n"
         "  candump -L can0 | ocpctl dump --log - --json");
     dump->callback([&runner, &global, options] { runner = [&global, options] { return run_dump(*options, global); }; });
 }

@@ -53,6 +53,7 @@ int main(int argc, char** argv) {
     ocpctl::add_simulate_command(app, runner);
     ocpctl::add_demo_command(app, runner);
     ocpctl::add_dump_command(app, global, runner);
+    ocpctl::add_emulate_command(app, global, runner);
 
     try {
         app.parse(argc, argv);
