@@ -18,7 +18,7 @@
 namespace {
 
 using ocp_api::OrreryActuator;
-using Items = ocp_api::OCP_Items;
+using Items = OrreryActuator::OCP_Items;
 
 double process_cpu_seconds() {
     timespec now{};

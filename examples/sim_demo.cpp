@@ -16,7 +16,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using ocp_api::OrreryActuator;
-using Items = ocp_api::OCP_Items;
+using Items = OrreryActuator::OCP_Items;
 
 void heading(const char* text) { std::printf("\n== %s\n", text); }
 
@@ -80,7 +80,7 @@ int run_sim_demo() {
 
     heading("All 31 parameters of 0x21");
     const auto parameters = joints[0]->get_parameters_all();
-    for (const auto id : ocp_api::ALL_PARAMETERS) {
+    for (const auto id : OrreryActuator::ALL_PARAMETERS) {
         const auto found_value = parameters.find(id);
         std::printf("  %-22s 0x%02x  %s\n", std::string(ocp_api::parameter_name(id)).c_str(), static_cast<unsigned>(id),
                     found_value == parameters.end() ? "(no answer)" : std::to_string(found_value->second).c_str());

@@ -33,15 +33,8 @@ inline constexpr float UNCHANGED = std::numeric_limits<float>::quiet_NaN();
 // receive thread, outside that mutex: they may call back into the actuator.
 //
 // Failures are reported as one line on standard error; nothing throws.
-class OrreryActuator {
+class OrreryActuator : public ActuatorIdentifiers<OrreryActuator> {
 public:
-    using OCP_Items = ocp_api::OCP_Items;
-    using Rates = ocp_api::Rates;
-    using OCP_Parameters = ocp_api::OCP_Parameters;
-    using Mode = ocp_api::Mode;
-    using TorquePerformance = ocp_api::TorquePerformance;
-    using SpeedPerformance = ocp_api::SpeedPerformance;
-
     using FeedbackMap = std::unordered_map<OCP_Items, float>;
     using ParameterMap = std::unordered_map<OCP_Parameters, float>;
     using ErrorMap = std::unordered_map<int, std::string>;

@@ -16,15 +16,8 @@
 namespace ocp_api {
 
 // Not thread-safe: use one object from one thread at a time.
-class OrreryActuatorVirtual {
+class OrreryActuatorVirtual : public ActuatorIdentifiers<OrreryActuatorVirtual> {
 public:
-    using OCP_Items = ocp_api::OCP_Items;
-    using Rates = ocp_api::Rates;
-    using OCP_Parameters = ocp_api::OCP_Parameters;
-    using Mode = ocp_api::Mode;
-    using TorquePerformance = ocp_api::TorquePerformance;
-    using SpeedPerformance = ocp_api::SpeedPerformance;
-
     using FeedbackMap = std::unordered_map<OCP_Items, float>;
     using ParameterMap = std::unordered_map<OCP_Parameters, float>;
     using ErrorMap = std::unordered_map<int, std::string>;

@@ -51,7 +51,7 @@ enum class Command : uint8_t {
 };
 
 // First byte of a record in a reply buffer (device to host). Item records use
-// the OCP_Items code itself as their record code.
+// the feedback item code itself as their record code.
 enum class RecordCode : uint8_t {
     RECORD_END = 0x00,
     PING_REPLY = 0x80,
@@ -121,7 +121,7 @@ float decode_item_value(uint8_t code, uint32_t word);
 // Device side: the 4-byte word that carries `value` for this item.
 uint32_t encode_item_value(uint8_t code, float value);
 // Device side: appends a whole 5-byte item record.
-void append_item_record(Frame& frame, OCP_Items item, float value);
+void append_item_record(Frame& frame, uint8_t item_code, float value);
 
 // --- parameters -------------------------------------------------------------
 
@@ -130,9 +130,9 @@ float decode_parameter_value(uint8_t code, uint32_t word);
 uint32_t encode_parameter_value(uint8_t code, float value);
 // Host side: identifier byte and the float's 4 bytes, whatever the parameter's
 // receive type (the device reads integer parameters from the float it gets).
-void append_parameter_record(Frame& frame, OCP_Parameters parameter, float value);
+void append_parameter_record(Frame& frame, uint8_t parameter_code, float value);
 // Device side: identifier byte and the value in the parameter's wire type.
-void append_typed_parameter_record(Frame& frame, OCP_Parameters parameter, float value);
+void append_typed_parameter_record(Frame& frame, uint8_t parameter_code, float value);
 
 // --- rates, versions, errors -----------------------------------------------
 

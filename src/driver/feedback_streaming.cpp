@@ -8,9 +8,9 @@ namespace ocp_api {
 
 namespace {
 
-wire::Frame item_list_frame(wire::Command command, const std::vector<OCP_Items>& items) {
+wire::Frame item_list_frame(wire::Command command, const std::vector<OrreryActuator::OCP_Items>& items) {
     wire::Frame frame = wire::make_frame(command, items.size());
-    for (const OCP_Items item : items) wire::append_u8(frame, static_cast<uint8_t>(item));
+    for (const auto item : items) wire::append_u8(frame, code_of(item));
     return frame;
 }
 

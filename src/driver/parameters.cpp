@@ -14,7 +14,7 @@ void OrreryActuator::set_parameters(const ParameterMap& values) {
     wire::Frame frame = wire::make_frame(wire::Command::SET_PARAMETERS, full_frame_payload);
     std::size_t records = 0;
     for (const auto& [id, value] : values) {
-        wire::append_parameter_record(frame, id, value);
+        wire::append_parameter_record(frame, code_of(id), value);
         if (++records % wire::MAX_PARAMETERS_PER_FRAME == 0) {
             send_ocp_common(frame);
             frame = wire::make_frame(wire::Command::SET_PARAMETERS, full_frame_payload);

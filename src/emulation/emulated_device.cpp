@@ -18,7 +18,7 @@ using wire::Command;
 constexpr int64_t RESET_SILENCE_STEPS = 500;  // 50 ms of simulated time
 
 bool is_known_parameter(uint8_t code) {
-    return std::any_of(ALL_PARAMETERS.begin(), ALL_PARAMETERS.end(),
+    return std::any_of(OrreryActuatorVirtual::ALL_PARAMETERS.begin(), OrreryActuatorVirtual::ALL_PARAMETERS.end(),
                        [code](P p) { return static_cast<uint8_t>(p) == code; });
 }
 
@@ -121,7 +121,7 @@ std::vector<uint8_t> EmulatedDevice::item_records(const std::vector<OCP_Items>& 
             wire::append_u8(bytes, static_cast<uint8_t>(item));
             wire::append_u32(bytes, error_word_);
         } else {
-            wire::append_item_record(bytes, item, physics_.item_value(item));
+            wire::append_item_record(bytes, code_of(item), physics_.item_value(item));
         }
     }
     return bytes;
@@ -261,7 +261,7 @@ void EmulatedDevice::on_get_parameters(const wire::Frame& frame, int64_t now, Re
     for (std::size_t i = 1; i < frame.size(); ++i) {
         if (!is_known_parameter(frame[i])) continue;
         const auto id = static_cast<P>(frame[i]);
-        wire::append_typed_parameter_record(bytes, id, physics_.param_or_nan(id));
+        wire::append_typed_parameter_record(bytes, code_of(id), physics_.param_or_nan(id));
     }
     reply(out, std::move(bytes), wire::REPLY_STREAMED, now);
 }

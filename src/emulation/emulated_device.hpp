@@ -13,6 +13,14 @@
 
 namespace ocp_api::detail {
 
+// An emulated device moves by the simulated actuator's physics, so it speaks
+// in that class's identifiers.
+using OCP_Items = OrreryActuatorVirtual::OCP_Items;
+using OCP_Parameters = OrreryActuatorVirtual::OCP_Parameters;
+using Mode = OrreryActuatorVirtual::Mode;
+using TorquePerformance = OrreryActuatorVirtual::TorquePerformance;
+using SpeedPerformance = OrreryActuatorVirtual::SpeedPerformance;
+
 // One reply buffer a device produced, and the simulated step it belongs to.
 struct DeviceReply {
     int address;

@@ -1,6 +1,7 @@
 #include "ocp_api/wire.hpp"
 
 #include "common/numeric.hpp"
+#include "protocol/codes.hpp"
 
 #include <cmath>
 #include <cstring>
@@ -15,8 +16,11 @@ namespace wire {
 
 namespace {
 
-constexpr uint8_t code_of(OCP_Items item) { return static_cast<uint8_t>(item); }
-constexpr uint8_t code_of(OCP_Parameters parameter) { return static_cast<uint8_t>(parameter); }
+using Items = Codes::OCP_Items;
+using Parameters = Codes::OCP_Parameters;
+
+constexpr uint8_t code_of(Items item) { return static_cast<uint8_t>(item); }
+constexpr uint8_t code_of(Parameters parameter) { return static_cast<uint8_t>(parameter); }
 
 }  // namespace
 
@@ -64,22 +68,22 @@ uint32_t bits_from_float(float value) {
 }
 
 bool is_item_code(uint8_t code) {
-    return (code >= code_of(OCP_Items::POS_FB_41) && code <= code_of(OCP_Items::REF_4D)) ||
-           (code >= code_of(OCP_Items::ITEM_4F) && code <= code_of(OCP_Items::ITEM_62)) ||
-           (code >= code_of(OCP_Items::VBUS_70) && code <= code_of(OCP_Items::POS_FB_73)) ||
-           (code >= code_of(OCP_Items::ERRORS_90) && code <= code_of(OCP_Items::ITEM_9A));
+    return (code >= code_of(Items::POS_FB_41) && code <= code_of(Items::REF_4D)) ||
+           (code >= code_of(Items::ITEM_4F) && code <= code_of(Items::ITEM_62)) ||
+           (code >= code_of(Items::VBUS_70) && code <= code_of(Items::POS_FB_73)) ||
+           (code >= code_of(Items::ERRORS_90) && code <= code_of(Items::ITEM_9A));
 }
 
 ValueType item_value_type(uint8_t code) {
-    switch (static_cast<OCP_Items>(code)) {
-        case OCP_Items::ERRORS_90:
-        case OCP_Items::ITEM_60:
-        case OCP_Items::ITEM_61:
-        case OCP_Items::ITEM_62:
-        case OCP_Items::ITEM_42:
-        case OCP_Items::ITEM_44:
+    switch (static_cast<Items>(code)) {
+        case Items::ERRORS_90:
+        case Items::ITEM_60:
+        case Items::ITEM_61:
+        case Items::ITEM_62:
+        case Items::ITEM_42:
+        case Items::ITEM_44:
             return ValueType::U32;
-        case OCP_Items::ITEM_4A:
+        case Items::ITEM_4A:
             return ValueType::I32;
         default:
             return ValueType::F32;
@@ -87,13 +91,13 @@ ValueType item_value_type(uint8_t code) {
 }
 
 ValueType parameter_value_type(uint8_t code) {
-    switch (static_cast<OCP_Parameters>(code)) {
-        case OCP_Parameters::MODE:
+    switch (static_cast<Parameters>(code)) {
+        case Parameters::MODE:
             return ValueType::MODE;
-        case OCP_Parameters::DEVICE_80:
-        case OCP_Parameters::DEVICE_82:
-        case OCP_Parameters::DEVICE_83:
-        case OCP_Parameters::DEVICE_84:
+        case Parameters::DEVICE_80:
+        case Parameters::DEVICE_82:
+        case Parameters::DEVICE_83:
+        case Parameters::DEVICE_84:
             return ValueType::U32;
         default:
             return ValueType::F32;
@@ -135,9 +139,9 @@ float decode_item_value(uint8_t code, uint32_t word) { return decode_value(item_
 
 uint32_t encode_item_value(uint8_t code, float value) { return encode_value(item_value_type(code), value); }
 
-void append_item_record(Frame& frame, OCP_Items item, float value) {
-    append_u8(frame, code_of(item));
-    append_u32(frame, encode_item_value(code_of(item), value));
+void append_item_record(Frame& frame, uint8_t item_code, float value) {
+    append_u8(frame, item_code);
+    append_u32(frame, encode_item_value(item_code, value));
 }
 
 float decode_parameter_value(uint8_t code, uint32_t word) {
@@ -148,14 +152,14 @@ uint32_t encode_parameter_value(uint8_t code, float value) {
     return encode_value(parameter_value_type(code), value);
 }
 
-void append_parameter_record(Frame& frame, OCP_Parameters parameter, float value) {
-    append_u8(frame, code_of(parameter));
+void append_parameter_record(Frame& frame, uint8_t parameter_code, float value) {
+    append_u8(frame, parameter_code);
     append_float(frame, value);
 }
 
-void append_typed_parameter_record(Frame& frame, OCP_Parameters parameter, float value) {
-    append_u8(frame, code_of(parameter));
-    append_u32(frame, encode_parameter_value(code_of(parameter), value));
+void append_typed_parameter_record(Frame& frame, uint8_t parameter_code, float value) {
+    append_u8(frame, parameter_code);
+    append_u32(frame, encode_parameter_value(parameter_code, value));
 }
 
 uint32_t feedback_period_from_hz(int hz) {

@@ -16,7 +16,7 @@ constexpr float DEFAULT_STIFFNESS = 1.0f;      // impedance gains when none is s
 constexpr float DEFAULT_DAMPING = 0.1f;
 constexpr int FEEDBACK_TICKS_PER_SECOND = 10000;  // decimation = ticks per callback period
 // Not a control mode: selects the law that only lets time pass.
-constexpr ocp_api::Mode HOLD = static_cast<ocp_api::Mode>(0);
+constexpr OrreryActuatorVirtual::Mode HOLD = static_cast<OrreryActuatorVirtual::Mode>(0);
 
 // The axis state that the laws update, and the simulated clock. Kept in locals
 // while a call steps, so the compiler holds them in registers instead of

@@ -26,7 +26,7 @@ public:
             --answers_left_;
             Bytes reply{static_cast<uint8_t>(wire::RecordCode::PARAMETERS)};
             for (std::size_t i = 1; i < frame.size(); ++i)
-                wire::append_typed_parameter_record(reply, static_cast<P>(frame[i]), frame[i]);
+                wire::append_typed_parameter_record(reply, frame[i], frame[i]);
             if (from_other_thread) {
                 transport_.deliver_later(address, reply, 0, std::chrono::milliseconds(5));
             } else {
@@ -133,13 +133,13 @@ TEST_F(ParameterAccess, GetAllRequestsThirtyOneInBatchesOfNineNineNineFour) {
     EXPECT_EQ(frames[2], (Bytes{0x0C, 0x41, 0x42, 0x43, 0x44, 0x45, 0x46, 0x47, 0x80, 0x81}));
     EXPECT_EQ(frames[3], (Bytes{0x0C, 0x82, 0x83, 0x84, 0x85}));
     ASSERT_EQ(all.size(), 31u);
-    for (const P id : ALL_PARAMETERS) EXPECT_EQ(all.at(id), static_cast<float>(static_cast<uint8_t>(id)));
+    for (const P id : OrreryActuator::ALL_PARAMETERS) EXPECT_EQ(all.at(id), static_cast<float>(static_cast<uint8_t>(id)));
     transport.join_deliveries();
 }
 
 TEST_F(ParameterAccess, TimeoutOnTheFirstBatchReturnsEmptyAndStops) {
     StreamCapture err(std::cerr);
-    const ParameterMap all = actuator.get_parameters(std::vector<P>(ALL_PARAMETERS.begin(), ALL_PARAMETERS.end()), 0.02f);
+    const ParameterMap all = actuator.get_parameters(std::vector<P>(OrreryActuator::ALL_PARAMETERS.begin(), OrreryActuator::ALL_PARAMETERS.end()), 0.02f);
     EXPECT_TRUE(all.empty());
     EXPECT_EQ(transport.frames().size(), 1u);
     EXPECT_EQ(err.text(), "Timeout waiting for parameters\n");
@@ -148,7 +148,7 @@ TEST_F(ParameterAccess, TimeoutOnTheFirstBatchReturnsEmptyAndStops) {
 TEST_F(ParameterAccess, TimeoutOnALaterBatchReturnsWhatEarlierBatchesBrought) {
     ParameterDevice device(transport, 2, true);
     StreamCapture err(std::cerr);
-    const ParameterMap all = actuator.get_parameters(std::vector<P>(ALL_PARAMETERS.begin(), ALL_PARAMETERS.end()), 0.5f);
+    const ParameterMap all = actuator.get_parameters(std::vector<P>(OrreryActuator::ALL_PARAMETERS.begin(), OrreryActuator::ALL_PARAMETERS.end()), 0.5f);
     transport.join_deliveries();
     EXPECT_EQ(transport.frames().size(), 3u);
     EXPECT_EQ(all.size(), 18u);

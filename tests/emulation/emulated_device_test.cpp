@@ -12,7 +12,8 @@ namespace {
 using namespace ocp_api;
 using namespace ocp_test;
 using detail::EmulatedDevice;
-using P = OCP_Parameters;
+using P = OrreryActuatorVirtual::OCP_Parameters;
+using Mode = OrreryActuatorVirtual::Mode;
 
 class EmulatedDeviceTest : public ::testing::Test {
 protected:
@@ -44,7 +45,7 @@ TEST_F(EmulatedDeviceTest, ParametersGoBackInTheirWireTypes) {
 }
 
 TEST_F(EmulatedDeviceTest, AllThirtyOneParametersHaveValues) {
-    for (const P id : ALL_PARAMETERS) {
+    for (const P id : OrreryActuatorVirtual::ALL_PARAMETERS) {
         const auto replies = send({0x0C, static_cast<uint8_t>(id)});
         ASSERT_EQ(replies.size(), 1u);
         ASSERT_EQ(replies[0].bytes.size(), 6u);

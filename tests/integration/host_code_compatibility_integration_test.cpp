@@ -2,6 +2,8 @@
 // other wherever their operations overlap.
 #include <gtest/gtest.h>
 
+#include <type_traits>
+
 #include "ocp_api/orrery_actuator.hpp"
 #include "support/device_replies.hpp"
 #include "support/recording_transport.hpp"
@@ -11,23 +13,24 @@ namespace {
 using namespace ocp_api;
 using namespace ocp_test;
 
+template <typename Actuator>
 struct Outcome {
     bool connected = false;
     bool still_connected = false;
     int address = 0;
     std::string model;
     std::string firmware;
-    Mode mode = Mode::SPEED;
-    std::unordered_map<OCP_Parameters, float> limit;
+    typename Actuator::Mode mode = Actuator::Mode::SPEED;
+    typename Actuator::ParameterMap limit;
     std::size_t all_parameters = 0;
     std::size_t feedback_items = 0;
 };
 
 // A typical joint bring-up, written once for both actuator classes.
 template <typename Actuator>
-Outcome drive_joint(Actuator& joint) {
+Outcome<Actuator> drive_joint(Actuator& joint) {
     using P = typename Actuator::OCP_Parameters;
-    Outcome outcome;
+    Outcome<Actuator> outcome;
     outcome.connected = joint.connect(1.0f);
     joint.set_feedback_callback([](int, typename Actuator::FeedbackMap) {});
     joint.set_error_callback([](int, typename Actuator::ErrorMap) {});
@@ -66,19 +69,19 @@ TEST(HostCodeCompatibilityIntegration, PhysicalActuatorOverARecordingTransport) 
         if (is_command(frame, wire::Command::GET_PARAMETERS)) {
             Bytes reply{static_cast<uint8_t>(wire::RecordCode::PARAMETERS)};
             for (std::size_t i = 1; i < frame.size(); ++i)
-                wire::append_typed_parameter_record(reply, static_cast<OCP_Parameters>(frame[i]), 2.0f);
+                wire::append_typed_parameter_record(reply, frame[i], 2.0f);
             transport.deliver(address, reply);
         }
     });
     OrreryActuator joint(transport, 0x21);
-    const Outcome outcome = drive_joint(joint);
+    const auto outcome = drive_joint(joint);
     EXPECT_TRUE(outcome.connected);
     EXPECT_TRUE(outcome.still_connected);
     EXPECT_EQ(outcome.address, 0x21);
     EXPECT_EQ(outcome.model, "HERON_A");
     EXPECT_EQ(outcome.firmware, "1.1.2");
-    EXPECT_EQ(outcome.mode, Mode::IMPEDANCE);
-    EXPECT_EQ(outcome.limit.at(OCP_Parameters::LIMIT_TORQUE), 2.0f);
+    EXPECT_EQ(outcome.mode, OrreryActuator::Mode::IMPEDANCE);
+    EXPECT_EQ(outcome.limit.at(OrreryActuator::OCP_Parameters::LIMIT_TORQUE), 2.0f);
     EXPECT_EQ(outcome.all_parameters, 31u);
     EXPECT_EQ(outcome.feedback_items, 0u);
     EXPECT_FALSE(joint.is_connected());
@@ -87,19 +90,73 @@ TEST(HostCodeCompatibilityIntegration, PhysicalActuatorOverARecordingTransport) 
 
 TEST(HostCodeCompatibilityIntegration, SimulatedActuator) {
     OrreryActuatorVirtual joint(0x21);
-    const Outcome outcome = drive_joint(joint);
+    const auto outcome = drive_joint(joint);
     EXPECT_TRUE(outcome.connected);
     EXPECT_TRUE(outcome.still_connected);
     EXPECT_EQ(outcome.address, 0x21);
     EXPECT_EQ(outcome.model, "virtual");
     EXPECT_EQ(outcome.firmware, "cpp-virtual-2.0.0");
-    EXPECT_EQ(outcome.mode, Mode::IMPEDANCE);
-    EXPECT_EQ(outcome.limit.at(OCP_Parameters::LIMIT_TORQUE), 2.0f);
+    EXPECT_EQ(outcome.mode, OrreryActuatorVirtual::Mode::IMPEDANCE);
+    EXPECT_EQ(outcome.limit.at(OrreryActuatorVirtual::OCP_Parameters::LIMIT_TORQUE), 2.0f);
     // The twelve of construction plus SPEED_FF, K_STIFF, K_DAMP and the two presets.
     EXPECT_EQ(outcome.all_parameters, 17u);
     EXPECT_EQ(outcome.feedback_items, 3u);
     EXPECT_FALSE(joint.is_connected());
     EXPECT_FALSE(joint.is_running());
+}
+
+// Host code may overload on the enumerations of the two classes: each class
+// nests its own types, with the same members and values.
+const char* kind(OrreryActuator::OCP_Items) { return "physical item"; }
+const char* kind(OrreryActuatorVirtual::OCP_Items) { return "simulated item"; }
+const char* kind(OrreryActuator::Rates) { return "physical rate"; }
+const char* kind(OrreryActuatorVirtual::Rates) { return "simulated rate"; }
+const char* kind(OrreryActuator::OCP_Parameters) { return "physical parameter"; }
+const char* kind(OrreryActuatorVirtual::OCP_Parameters) { return "simulated parameter"; }
+const char* kind(OrreryActuator::Mode) { return "physical mode"; }
+const char* kind(OrreryActuatorVirtual::Mode) { return "simulated mode"; }
+const char* kind(OrreryActuator::TorquePerformance) { return "physical torque preset"; }
+const char* kind(OrreryActuatorVirtual::TorquePerformance) { return "simulated torque preset"; }
+const char* kind(OrreryActuator::SpeedPerformance) { return "physical speed preset"; }
+const char* kind(OrreryActuatorVirtual::SpeedPerformance) { return "simulated speed preset"; }
+
+TEST(HostCodeCompatibilityIntegration, HostCodeOverloadsOnTheEnumerationsOfBothClasses) {
+    EXPECT_STREQ(kind(OrreryActuator::OCP_Items::POS_FB_41), "physical item");
+    EXPECT_STREQ(kind(OrreryActuatorVirtual::OCP_Items::POS_FB_41), "simulated item");
+    EXPECT_STREQ(kind(OrreryActuator::Rates::RATE_1KHZ), "physical rate");
+    EXPECT_STREQ(kind(OrreryActuatorVirtual::Rates::RATE_1KHZ), "simulated rate");
+    EXPECT_STREQ(kind(OrreryActuator::OCP_Parameters::MODE), "physical parameter");
+    EXPECT_STREQ(kind(OrreryActuatorVirtual::OCP_Parameters::MODE), "simulated parameter");
+    EXPECT_STREQ(kind(OrreryActuator::Mode::SPEED), "physical mode");
+    EXPECT_STREQ(kind(OrreryActuatorVirtual::Mode::SPEED), "simulated mode");
+    EXPECT_STREQ(kind(OrreryActuator::TorquePerformance::PRESET_2), "physical torque preset");
+    EXPECT_STREQ(kind(OrreryActuatorVirtual::TorquePerformance::PRESET_2), "simulated torque preset");
+    EXPECT_STREQ(kind(OrreryActuator::SpeedPerformance::PRESET_2), "physical speed preset");
+    EXPECT_STREQ(kind(OrreryActuatorVirtual::SpeedPerformance::PRESET_2), "simulated speed preset");
+}
+
+template <class Physical, class Simulated>
+void expect_twins() {
+    static_assert(!std::is_same_v<Physical, Simulated>);
+    static_assert(std::is_same_v<std::underlying_type_t<Physical>, std::underlying_type_t<Simulated>>);
+}
+
+TEST(HostCodeCompatibilityIntegration, TheTwinEnumerationsShareMembersValuesAndUnderlyingTypes) {
+    expect_twins<OrreryActuator::OCP_Items, OrreryActuatorVirtual::OCP_Items>();
+    expect_twins<OrreryActuator::Rates, OrreryActuatorVirtual::Rates>();
+    expect_twins<OrreryActuator::OCP_Parameters, OrreryActuatorVirtual::OCP_Parameters>();
+    expect_twins<OrreryActuator::Mode, OrreryActuatorVirtual::Mode>();
+    expect_twins<OrreryActuator::TorquePerformance, OrreryActuatorVirtual::TorquePerformance>();
+    expect_twins<OrreryActuator::SpeedPerformance, OrreryActuatorVirtual::SpeedPerformance>();
+    ASSERT_EQ(OrreryActuator::ALL_ITEMS.size(), OrreryActuatorVirtual::ALL_ITEMS.size());
+    for (std::size_t i = 0; i < OrreryActuator::ALL_ITEMS.size(); ++i)
+        EXPECT_EQ(code_of(OrreryActuator::ALL_ITEMS[i]), code_of(OrreryActuatorVirtual::ALL_ITEMS[i]));
+    ASSERT_EQ(OrreryActuator::ALL_PARAMETERS.size(), OrreryActuatorVirtual::ALL_PARAMETERS.size());
+    for (std::size_t i = 0; i < OrreryActuator::ALL_PARAMETERS.size(); ++i)
+        EXPECT_EQ(code_of(OrreryActuator::ALL_PARAMETERS[i]), code_of(OrreryActuatorVirtual::ALL_PARAMETERS[i]));
+    EXPECT_EQ(code_of(OrreryActuator::Mode::POSITION), code_of(OrreryActuatorVirtual::Mode::POSITION));
+    EXPECT_EQ(code_of(OrreryActuator::Rates::RATE_200HZ), 200);
+    EXPECT_EQ(code_of(OrreryActuatorVirtual::Rates::RATE_200HZ), 200);
 }
 
 }  // namespace

@@ -20,8 +20,8 @@ using namespace ocp_api;
 using namespace std::chrono_literals;
 using ocp_test::eventually;
 using ocp_test::StreamCapture;
-using Items = OCP_Items;
-using P = OCP_Parameters;
+using Items = OrreryActuator::OCP_Items;
+using P = OrreryActuator::OCP_Parameters;
 
 
 bool quiescent(const SimBus& bus) {
@@ -138,7 +138,7 @@ TEST(SimBusIntegration, EachControlModeDrivesTheEmulatedPhysics) {
 
     joint.change_impedance_setpoint(0.5f, 0.0f, 50.0f, 12.0f);
     ASSERT_TRUE(eventually([&] { return std::abs(item(Items::POS_FB_4C) - 0.5f) < 1e-2f; }));
-    EXPECT_EQ(bus.actuator(0x21).physics()->get_mode(), Mode::IMPEDANCE);
+    EXPECT_EQ(bus.actuator(0x21).physics()->get_mode(), OrreryActuatorVirtual::Mode::IMPEDANCE);
 
     joint.stop();
     ASSERT_TRUE(eventually([&] { return !bus.actuator(0x21).physics()->is_running(); }));

@@ -8,39 +8,66 @@ namespace {
 
 using namespace ocp_api;
 
-TEST(Identifiers, EveryItemHasAUniqueNameThatMapsBack) {
+// The lookups behave the same for the enumerations of either class.
+template <class Identifiers>
+class Identifiers_ : public ::testing::Test {};
+using BothClasses = ::testing::Types<PhysicalIdentifiers, VirtualIdentifiers>;
+TYPED_TEST_SUITE(Identifiers_, BothClasses);
+
+TYPED_TEST(Identifiers_, EveryItemHasAUniqueNameThatMapsBack) {
+    using Items = typename TypeParam::OCP_Items;
     std::set<std::string_view> names;
-    for (const OCP_Items item : ALL_ITEMS) {
+    for (const Items item : TypeParam::ALL_ITEMS) {
         const auto name = item_name(item);
         ASSERT_FALSE(name.empty());
         names.insert(name);
-        EXPECT_EQ(item_from_name(name), item);
+        EXPECT_EQ(item_from_name<Items>(name), item);
     }
     EXPECT_EQ(names.size(), 48u);
-    EXPECT_EQ(item_name(OCP_Items::POS_FB_41), "POS_FB_41");
-    EXPECT_EQ(item_from_name("pos_fb_4c"), OCP_Items::POS_FB_4C);
-    EXPECT_EQ(item_from_name("nope"), std::nullopt);
+    EXPECT_EQ(item_name(Items::POS_FB_41), "POS_FB_41");
+    EXPECT_EQ(item_name(static_cast<Items>(0x4E)), "");
+    EXPECT_EQ(item_from_name<Items>("pos_fb_4c"), Items::POS_FB_4C);
+    EXPECT_EQ(item_from_name<Items>("nope"), std::nullopt);
 }
 
-TEST(Identifiers, ThirtyOneParametersInTableOrder) {
-    ASSERT_EQ(ALL_PARAMETERS.size(), 31u);
-    EXPECT_EQ(ALL_PARAMETERS.front(), OCP_Parameters::K_DAMP);
-    EXPECT_EQ(ALL_PARAMETERS[15], OCP_Parameters::MODE);
-    EXPECT_EQ(ALL_PARAMETERS.back(), OCP_Parameters::CAN_HIGH_SPEED);
-    for (const OCP_Parameters p : ALL_PARAMETERS) EXPECT_EQ(parameter_from_name(parameter_name(p)), p);
-    EXPECT_EQ(parameter_from_name("limit_torque"), OCP_Parameters::LIMIT_TORQUE);
-    EXPECT_EQ(parameter_from_name(""), std::nullopt);
+TYPED_TEST(Identifiers_, ThirtyOneParametersInTableOrder) {
+    using Parameters = typename TypeParam::OCP_Parameters;
+    const auto& all = TypeParam::ALL_PARAMETERS;
+    ASSERT_EQ(all.size(), 31u);
+    EXPECT_EQ(all.front(), Parameters::K_DAMP);
+    EXPECT_EQ(all[15], Parameters::MODE);
+    EXPECT_EQ(all.back(), Parameters::CAN_HIGH_SPEED);
+    for (const Parameters p : all) EXPECT_EQ(parameter_from_name<Parameters>(parameter_name(p)), p);
+    EXPECT_EQ(parameter_from_name<Parameters>("limit_torque"), Parameters::LIMIT_TORQUE);
+    EXPECT_EQ(parameter_from_name<Parameters>(""), std::nullopt);
 }
 
-TEST(Identifiers, ModesAndModelTable) {
+TYPED_TEST(Identifiers_, Modes) {
+    using Mode = typename TypeParam::Mode;
     EXPECT_EQ(static_cast<int>(Mode::TORQUE), 5);
     EXPECT_EQ(static_cast<int>(Mode::IMPEDANCE), 8);
     EXPECT_EQ(mode_name(Mode::POSITION), "POSITION");
     EXPECT_EQ(mode_name(static_cast<Mode>(3)), "");
-    EXPECT_EQ(mode_from_name("speed"), Mode::SPEED);
+    EXPECT_EQ(mode_from_name<Mode>("speed"), Mode::SPEED);
+}
+
+TEST(Identifiers, ModelTable) {
     EXPECT_EQ(MODEL_NAME_TABLE.size(), 11u);
     EXPECT_STREQ(MODEL_NAME_TABLE[MODEL_CODE_CAN_ADAPTER], "CAN_ADAPTER");
     EXPECT_STREQ(MODEL_NAME_TABLE[3], "HERON_A");
+}
+
+TEST(Identifiers, CodesAndConversionBetweenTheTwoClasses) {
+    EXPECT_EQ(code_of(PhysicalIdentifiers::Rates::RATE_10KHZ), 10000);
+    EXPECT_EQ(code_of(VirtualIdentifiers::OCP_Parameters::CAN_HIGH_SPEED), 0x85);
+    EXPECT_EQ(identifier_cast<VirtualIdentifiers::Mode>(PhysicalIdentifiers::Mode::IMPEDANCE),
+              VirtualIdentifiers::Mode::IMPEDANCE);
+    EXPECT_EQ(identifier_cast<PhysicalIdentifiers::OCP_Items>(VirtualIdentifiers::OCP_Items::ITEM_9A),
+              PhysicalIdentifiers::OCP_Items::ITEM_9A);
+    // Values without a member travel unchanged, as on the wire.
+    EXPECT_EQ(code_of(identifier_cast<VirtualIdentifiers::SpeedPerformance>(
+                  static_cast<PhysicalIdentifiers::SpeedPerformance>(200))),
+              200);
 }
 
 }  // namespace

@@ -11,6 +11,8 @@ namespace {
 using namespace ocp_api;
 using namespace ocp_api::wire;
 using ocp_test::Bytes;
+using OCP_Items = PhysicalIdentifiers::OCP_Items;
+using OCP_Parameters = PhysicalIdentifiers::OCP_Parameters;
 
 TEST(AppendFloat, OnEmptyVectorYieldsFourBytes) {
     Bytes bytes;
@@ -50,7 +52,7 @@ TEST(ItemEncoding, ExactlyFortyEightCodesAreValid) {
     int valid = 0;
     for (int code = 0; code < 256; ++code) valid += is_item_code(static_cast<uint8_t>(code)) ? 1 : 0;
     EXPECT_EQ(valid, 48);
-    for (const OCP_Items item : ALL_ITEMS) EXPECT_TRUE(is_item_code(static_cast<uint8_t>(item)));
+    for (const OCP_Items item : PhysicalIdentifiers::ALL_ITEMS) EXPECT_TRUE(is_item_code(static_cast<uint8_t>(item)));
 }
 
 TEST(ItemEncoding, CodesOutsideTheRangesAreNotItems) {
@@ -74,9 +76,9 @@ TEST(ItemEncoding, ValuesDecodeByTheirWireType) {
 
 TEST(ItemEncoding, DeviceSideEncodingIsTheInverseOfDecoding) {
     Frame frame;
-    append_item_record(frame, OCP_Items::ERRORS_90, 3.0f);
-    append_item_record(frame, OCP_Items::ITEM_4A, -2.0f);
-    append_item_record(frame, OCP_Items::POS_FB_41, 1.0f);
+    append_item_record(frame, code_of(OCP_Items::ERRORS_90), 3.0f);
+    append_item_record(frame, code_of(OCP_Items::ITEM_4A), -2.0f);
+    append_item_record(frame, code_of(OCP_Items::POS_FB_41), 1.0f);
     EXPECT_EQ(frame, (Bytes{0x90, 3, 0, 0, 0, 0x4A, 0xFE, 0xFF, 0xFF, 0xFF, 0x41, 0x00, 0x00, 0x80, 0x3F}));
     // Out-of-range values saturate rather than overflow.
     EXPECT_EQ(encode_item_value(0x90, -5.0f), 0u);
@@ -99,10 +101,10 @@ TEST(ParameterEncoding, ModeTruncatesAndIntegerParametersReadIntegers) {
 
 TEST(ParameterEncoding, HostRecordsCarryFloatBytesDeviceRecordsTheWireType) {
     Frame host;
-    append_parameter_record(host, OCP_Parameters::DEVICE_80, 20000.0f);
+    append_parameter_record(host, code_of(OCP_Parameters::DEVICE_80), 20000.0f);
     EXPECT_EQ(host, (Bytes{0x80, 0x00, 0x40, 0x9C, 0x46}));
     Frame device;
-    append_typed_parameter_record(device, OCP_Parameters::DEVICE_80, 20000.0f);
+    append_typed_parameter_record(device, code_of(OCP_Parameters::DEVICE_80), 20000.0f);
     EXPECT_EQ(device, (Bytes{0x80, 0x20, 0x4E, 0x00, 0x00}));
 }
 

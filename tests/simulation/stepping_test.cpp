@@ -234,7 +234,7 @@ TEST(VirtualFeedback, EmptyItemListEmptiesTheSnapshot) {
 
 TEST(VirtualFeedback, SnapshotTableForEveryItem) {
     OrreryActuatorVirtual actuator(0x21);
-    std::vector<Items> all(ocp_api::ALL_ITEMS.begin(), ocp_api::ALL_ITEMS.end());
+    std::vector<Items> all(OrreryActuatorVirtual::ALL_ITEMS.begin(), OrreryActuatorVirtual::ALL_ITEMS.end());
     all.push_back(static_cast<Items>(0x4E));  // not an item: still answered with 0
     actuator.set_feedback_items(all);
     actuator.start();

@@ -208,9 +208,9 @@ TEST(Ocpctl, SimulateWritesTheSimulatedActuatorsOwnSteps) {
         const auto expected = rows == 0 ? sim.get_feedback() : sim.step(std::nullopt, 10);
         float time = 0, position = 0, speed = 0, torque = 0;
         ASSERT_EQ(std::sscanf(line.c_str(), "%f,%f,%f,%f", &time, &position, &speed, &torque), 4) << line;
-        EXPECT_EQ(position, expected.at(ocp_api::OCP_Items::POS_FB_4C)) << "row " << rows;
-        EXPECT_EQ(speed, expected.at(ocp_api::OCP_Items::SPD_FB_45)) << "row " << rows;
-        EXPECT_EQ(torque, expected.at(ocp_api::OCP_Items::T_FB_56)) << "row " << rows;
+        EXPECT_EQ(position, expected.at(ocp_api::OrreryActuatorVirtual::OCP_Items::POS_FB_4C)) << "row " << rows;
+        EXPECT_EQ(speed, expected.at(ocp_api::OrreryActuatorVirtual::OCP_Items::SPD_FB_45)) << "row " << rows;
+        EXPECT_EQ(torque, expected.at(ocp_api::OrreryActuatorVirtual::OCP_Items::T_FB_56)) << "row " << rows;
         EXPECT_NEAR(time, sim.get_sim_time(6), 1e-6f);
     }
     EXPECT_EQ(rows, 51);

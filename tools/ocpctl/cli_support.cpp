@@ -13,6 +13,8 @@ namespace ocpctl {
 
 namespace {
 
+using Actuator = ocp_api::OrreryActuator;
+
 // "A, B, C" from the names of every identifier in `all`.
 template <typename Identifiers, typename NameOf>
 std::string join_names(const Identifiers& all, NameOf name_of) {
@@ -24,8 +26,10 @@ std::string join_names(const Identifiers& all, NameOf name_of) {
     return names;
 }
 
-std::string join_item_names() { return join_names(ocp_api::ALL_ITEMS, ocp_api::item_name); }
-std::string join_parameter_names() { return join_names(ocp_api::ALL_PARAMETERS, ocp_api::parameter_name); }
+std::string join_item_names() { return join_names(Actuator::ALL_ITEMS, ocp_api::item_name<Actuator::OCP_Items>); }
+std::string join_parameter_names() {
+    return join_names(Actuator::ALL_PARAMETERS, ocp_api::parameter_name<Actuator::OCP_Parameters>);
+}
 
 // Parses a whole decimal or 0x-prefixed hexadecimal integer (never octal:
 // 010 is ten).
@@ -66,10 +70,10 @@ int parse_address(const std::string& text) {
     return static_cast<int>(value);
 }
 
-std::vector<ocp_api::OCP_Items> parse_items(const std::vector<std::string>& names) {
-    std::vector<ocp_api::OCP_Items> items;
+std::vector<Item> parse_items(const std::vector<std::string>& names) {
+    std::vector<Item> items;
     for (const auto& name : names) {
-        const auto item = ocp_api::item_from_name(name);
+        const auto item = ocp_api::item_from_name<Actuator::OCP_Items>(name);
         if (!item) throw UsageError("unknown feedback item '" + name + "' (expected one of " + join_item_names() + ")");
         items.push_back(*item);
     }
@@ -77,11 +81,11 @@ std::vector<ocp_api::OCP_Items> parse_items(const std::vector<std::string>& name
     return items;
 }
 
-ocp_api::OCP_Parameters parse_parameter(const std::string& name_or_code) {
-    if (const auto parameter = ocp_api::parameter_from_name(name_or_code)) return *parameter;
+Parameter parse_parameter(const std::string& name_or_code) {
+    if (const auto parameter = ocp_api::parameter_from_name<Actuator::OCP_Parameters>(name_or_code)) return *parameter;
     long long code = 0;
     if (parse_integer(name_or_code, code)) {
-        for (const auto parameter : ocp_api::ALL_PARAMETERS) {
+        for (const auto parameter : Actuator::ALL_PARAMETERS) {
             if (static_cast<long long>(parameter) == code) return parameter;
         }
     }
@@ -89,16 +93,16 @@ ocp_api::OCP_Parameters parse_parameter(const std::string& name_or_code) {
                      ", or its code such as 0x04)");
 }
 
-ocp_api::Mode parse_mode(const std::string& name) {
-    if (const auto mode = ocp_api::mode_from_name(name)) return *mode;
+Mode parse_mode(const std::string& name) {
+    if (const auto mode = ocp_api::mode_from_name<Mode>(name)) return *mode;
     throw UsageError("unknown mode '" + name + "' (expected torque, speed, position or impedance)");
 }
 
 MotionCommand parse_motion(const std::string& mode_text, const std::string& setpoint, const std::string& stiffness,
                            const std::string& damping) {
-    const ocp_api::Mode mode = parse_mode(mode_text);
+    const Mode mode = parse_mode(mode_text);
     const float target = parse_float(setpoint, "setpoint");
-    if ((!stiffness.empty() || !damping.empty()) && mode != ocp_api::Mode::IMPEDANCE)
+    if ((!stiffness.empty() || !damping.empty()) && mode != Mode::IMPEDANCE)
         throw UsageError("--stiffness and --damping apply to --mode impedance only, not " + mode_text);
     return {mode, target, stiffness.empty() ? NAN : parse_float(stiffness, "stiffness"),
             damping.empty() ? NAN : parse_float(damping, "damping")};

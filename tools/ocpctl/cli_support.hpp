@@ -22,6 +22,13 @@ struct DeviceError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// Identifiers named on the command line are parsed into the physical
+// actuator's enumerations; commands that drive the simulated actuator convert
+// them with ocp_api::identifier_cast.
+using Item = ocp_api::OrreryActuator::OCP_Items;
+using Parameter = ocp_api::OrreryActuator::OCP_Parameters;
+using Mode = ocp_api::OrreryActuator::Mode;
+
 inline constexpr int EXIT_DEVICE = 1;
 inline constexpr int EXIT_USAGE = 2;
 
@@ -34,9 +41,9 @@ struct GlobalOptions {
 int parse_address(const std::string& text);
 std::string hex(int address);
 
-std::vector<ocp_api::OCP_Items> parse_items(const std::vector<std::string>& names);
-ocp_api::OCP_Parameters parse_parameter(const std::string& name_or_code);
-ocp_api::Mode parse_mode(const std::string& name);
+std::vector<Item> parse_items(const std::vector<std::string>& names);
+Parameter parse_parameter(const std::string& name_or_code);
+Mode parse_mode(const std::string& name);
 // A rate in Hz, 1..10000.
 int parse_rate(double hz);
 // A positive, finite number of seconds.
@@ -52,7 +59,7 @@ std::string format_seconds(double seconds);
 // What move and simulate command: a mode, its setpoint and, for impedance,
 // optional gains (NaN leaves the device's own gains in place).
 struct MotionCommand {
-    ocp_api::Mode mode;
+    Mode mode;
     float setpoint;
     float stiffness;
     float damping;
@@ -67,10 +74,10 @@ MotionCommand parse_motion(const std::string& mode, const std::string& setpoint,
 template <typename Actuator>
 void command_motion(Actuator& actuator, const MotionCommand& command) {
     switch (command.mode) {
-        case ocp_api::Mode::TORQUE: actuator.change_torque_setpoint(command.setpoint); break;
-        case ocp_api::Mode::SPEED: actuator.change_speed_setpoint(command.setpoint); break;
-        case ocp_api::Mode::POSITION: actuator.change_position_setpoint(command.setpoint); break;
-        case ocp_api::Mode::IMPEDANCE:
+        case Mode::TORQUE: actuator.change_torque_setpoint(command.setpoint); break;
+        case Mode::SPEED: actuator.change_speed_setpoint(command.setpoint); break;
+        case Mode::POSITION: actuator.change_position_setpoint(command.setpoint); break;
+        case Mode::IMPEDANCE:
             actuator.change_impedance_setpoint(command.setpoint, 0.0f, command.stiffness, command.damping);
             break;
     }

@@ -13,7 +13,6 @@ namespace ocpctl {
 
 namespace {
 
-using ocp_api::OCP_Parameters;
 using ParameterMap = ocp_api::OrreryActuator::ParameterMap;
 
 // JSON has no NaN: an unknown value is null.
@@ -22,7 +21,7 @@ nlohmann::ordered_json json_number(float value) {
     return value;
 }
 
-void print_parameters(int address, const std::vector<OCP_Parameters>& ids, const ParameterMap& values, bool json) {
+void print_parameters(int address, const std::vector<Parameter>& ids, const ParameterMap& values, bool json) {
     if (json) {
         nlohmann::ordered_json result;
         result["address"] = address;
@@ -38,7 +37,7 @@ void print_parameters(int address, const std::vector<OCP_Parameters>& ids, const
 }
 
 // Reads `ids` from the device, or throws DeviceError if any stays unanswered.
-ParameterMap read_parameters(Session& session, int address, const std::vector<OCP_Parameters>& ids, float timeout_s) {
+ParameterMap read_parameters(Session& session, int address, const std::vector<Parameter>& ids, float timeout_s) {
     const ParameterMap values = session.actuator().get_parameters(ids, timeout_s);
     for (const auto id : ids) {
         if (values.count(id) == 0)
@@ -59,7 +58,8 @@ int run_info(const InfoOptions& options, const GlobalOptions& global) {
     const int address = parse_address(options.address);
     Session session(global, address, OnExit::LeaveAsFound);
     auto& actuator = session.actuator();
-    const std::vector<ocp_api::OCP_Items> items(ocp_api::ALL_ITEMS.begin(), ocp_api::ALL_ITEMS.end());
+    const auto& all_items = ocp_api::OrreryActuator::ALL_ITEMS;
+    const std::vector<Item> items(all_items.begin(), all_items.end());
     const auto values = actuator.getItemsBlocking(items, global.timeout_s);
     if (values.empty())
         throw DeviceError("no answer from " + hex(address) + " to the feedback request after " +
@@ -102,9 +102,10 @@ struct ParamsGetOptions {
 
 int run_params_get(const ParamsGetOptions& options, const GlobalOptions& global) {
     const int address = parse_address(options.address);
-    std::vector<OCP_Parameters> ids;
+    std::vector<Parameter> ids;
     for (const auto& name : options.names) ids.push_back(parse_parameter(name));
-    if (ids.empty()) ids.assign(ocp_api::ALL_PARAMETERS.begin(), ocp_api::ALL_PARAMETERS.end());
+    const auto& all_parameters = ocp_api::OrreryActuator::ALL_PARAMETERS;
+    if (ids.empty()) ids.assign(all_parameters.begin(), all_parameters.end());
     Session session(global, address, OnExit::LeaveAsFound);
     print_parameters(address, ids, read_parameters(session, address, ids, global.timeout_s), options.json);
     return 0;
@@ -118,13 +119,13 @@ struct ParamsSetOptions {
 int run_params_set(const ParamsSetOptions& options, const GlobalOptions& global) {
     const int address = parse_address(options.address);
     ParameterMap values;
-    std::vector<OCP_Parameters> ids;
+    std::vector<Parameter> ids;
     for (const auto& assignment : options.assignments) {
         const std::size_t equals = assignment.find('=');
         if (equals == std::string::npos)
             throw UsageError("expected NAME=VALUE, got '" + assignment + "' (for example LIMIT_TORQUE=2.5)");
-        const OCP_Parameters id = parse_parameter(assignment.substr(0, equals));
-        if (id == OCP_Parameters::ADDRESS)
+        const Parameter id = parse_parameter(assignment.substr(0, equals));
+        if (id == Parameter::ADDRESS)
             throw UsageError("ADDRESS is changed with 'ocpctl address ADDR NEW', which follows the device");
         const float value = parse_float(assignment.substr(equals + 1), std::string(ocp_api::parameter_name(id)) + " value");
         if (values.count(id) == 0) ids.push_back(id);

@@ -17,13 +17,12 @@ namespace ocpctl {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using Items = ocp_api::OCP_Items;
 using FeedbackMap = ocp_api::OrreryActuator::FeedbackMap;
 using namespace std::chrono_literals;
 
-const std::vector<Items> MOTION_ITEMS = {Items::POS_FB_4C, Items::SPD_FB_45, Items::T_FB_56};
+const std::vector<Item> MOTION_ITEMS = {Item::POS_FB_4C, Item::SPD_FB_45, Item::T_FB_56};
 
-float item_or_nan(const FeedbackMap& feedback, Items item) {
+float item_or_nan(const FeedbackMap& feedback, Item item) {
     const auto found = feedback.find(item);
     return found == feedback.end() ? NAN : found->second;
 }
@@ -62,16 +61,16 @@ int run_move(const MoveOptions& options, const GlobalOptions& global) {
         stop_signal.sleep_for(100ms);
         const auto feedback = actuator.get_feedback();
         std::fprintf(stderr, "%6.2f s  position %10.4f  speed %10.4f  torque %10.4f\n", seconds_since(start),
-                     item_or_nan(feedback, Items::POS_FB_4C), item_or_nan(feedback, Items::SPD_FB_45),
-                     item_or_nan(feedback, Items::T_FB_56));
+                     item_or_nan(feedback, Item::POS_FB_4C), item_or_nan(feedback, Item::SPD_FB_45),
+                     item_or_nan(feedback, Item::T_FB_56));
     }
     actuator.setFeedbackRate(0);
     actuator.stop();
     const auto feedback = actuator.get_feedback();
     std::printf("%s position %s speed %s torque %s\n", hex(address).c_str(),
-                format_value(item_or_nan(feedback, Items::POS_FB_4C)).c_str(),
-                format_value(item_or_nan(feedback, Items::SPD_FB_45)).c_str(),
-                format_value(item_or_nan(feedback, Items::T_FB_56)).c_str());
+                format_value(item_or_nan(feedback, Item::POS_FB_4C)).c_str(),
+                format_value(item_or_nan(feedback, Item::SPD_FB_45)).c_str(),
+                format_value(item_or_nan(feedback, Item::T_FB_56)).c_str());
     if (stop_signal.raised()) {
         std::string confirmation;
         if (ocp_api::SimBus* sim = session.bus().simulated()) {
@@ -101,7 +100,7 @@ struct StreamOptions {
 
 int run_stream(const StreamOptions& options, const GlobalOptions& global) {
     const int address = parse_address(options.address);
-    const std::vector<Items> items = parse_items(options.items);
+    const std::vector<Item> items = parse_items(options.items);
     const int rate = parse_rate(options.rate);
     if (options.format != "csv" && options.format != "jsonl")
         throw UsageError("unknown format '" + options.format + "' (expected csv or jsonl)");
@@ -165,8 +164,8 @@ struct WatchOptions {
     double seconds = 0.0;  // 0: until Ctrl-C
 };
 
-const std::vector<Items> WATCH_ITEMS = {Items::POS_FB_4C, Items::SPD_FB_45, Items::T_FB_56, Items::VBUS_70,
-                                        Items::TEMP_WINDING_72};
+const std::vector<Item> WATCH_ITEMS = {Item::POS_FB_4C, Item::SPD_FB_45, Item::T_FB_56, Item::VBUS_70,
+                                        Item::TEMP_WINDING_72};
 
 int run_watch(const WatchOptions& options, const GlobalOptions& global) {
     std::vector<int> addresses;

@@ -16,7 +16,14 @@ namespace ocpctl {
 
 namespace {
 
-using Items = ocp_api::OCP_Items;
+using Items = ocp_api::OrreryActuatorVirtual::OCP_Items;
+
+// The --items names as the simulated actuator spells its items.
+std::vector<Items> simulated_items(const std::vector<std::string>& names) {
+    std::vector<Items> items;
+    for (const auto item : parse_items(names)) items.push_back(ocp_api::identifier_cast<Items>(item));
+    return items;
+}
 
 struct SimulateOptions {
     std::string mode;
@@ -96,7 +103,7 @@ int run_simulate(const SimulateOptions& options) {
     const float load = parse_float(options.load, "load");
     const double seconds = parse_seconds(options.seconds, "--duration");
     const int rate = parse_rate(options.rate);
-    const std::vector<Items> items = parse_items(options.items);
+    const std::vector<Items> items = simulated_items(options.items);
 
     std::string csv_path = options.out;
     ScratchFile scratch;
