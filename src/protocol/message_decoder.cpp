@@ -102,11 +102,11 @@ std::string code_text(uint8_t code) {
 // The name of an item or parameter code, or its hex text when it has none.
 std::optional<std::string> known_item_name(uint8_t code) {
     if (!wire::is_item_code(code)) return std::nullopt;
-    return std::string(item_name(static_cast<OCP_Items>(code)));
+    return std::string(item_code_name(code));
 }
 
 std::optional<std::string> known_parameter_name(uint8_t code) {
-    const std::string_view name = parameter_name(static_cast<OCP_Parameters>(code));
+    const std::string_view name = parameter_code_name(code);
     if (name.empty()) return std::nullopt;
     return std::string(name);
 }
@@ -117,7 +117,7 @@ std::string model_name_of(uint16_t model_code) {
 
 std::string mode_name_of(double value) {
     if (!(value >= 0.0 && value <= 255.0)) return "";
-    return std::string(mode_name(static_cast<Mode>(static_cast<uint8_t>(value))));
+    return std::string(mode_code_name(static_cast<uint8_t>(value)));
 }
 
 // --- building values -----------------------------------------------------------
@@ -258,7 +258,8 @@ void decode_parameter_settings(CommandReader& reader) {
         const auto name = known_parameter_name(code);
         if (!name) reader.note("unknown parameter code " + code_text(code));
         DecodedValue value = typed_value(name.value_or(code_text(code)), code, wire::ValueType::F32, entry + 1);
-        if (code == static_cast<uint8_t>(OCP_Parameters::MODE)) value.meaning = mode_name_of(std::trunc(value.number));
+        if (wire::parameter_value_type(code) == wire::ValueType::MODE)
+            value.meaning = mode_name_of(std::trunc(value.number));
         reader.add(std::move(value));
     }
     const std::size_t left = reader.payload_size() % wire::RECORD_SIZE;

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <random>
 
+#include "ocp_api/orrery_actuator.hpp"
 #include "ocp_api/wire.hpp"
 #include "support/device_replies.hpp"
 #include "support/recording_transport.hpp"
@@ -13,12 +14,14 @@ namespace {
 
 using namespace ocp_api;
 using namespace ocp_test;
+using Items = OrreryActuator::OCP_Items;
+using Parameters = OrreryActuator::OCP_Parameters;
 
 Bytes command(wire::Command code) { return wire::make_frame(code); }
 
-Bytes item_record(OCP_Items item, float value) {
+Bytes item_record(Items item, float value) {
     Bytes record;
-    wire::append_item_record(record, item, value);
+    wire::append_item_record(record, code_of(item), value);
     return record;
 }
 
@@ -86,9 +89,9 @@ TEST(MessageDecoder, ItemListsByName) {
 
 TEST(MessageDecoder, ParametersByNameWithValues) {
     Bytes set = command(wire::Command::SET_PARAMETERS);
-    wire::append_parameter_record(set, OCP_Parameters::LIMIT_TORQUE, 2.5f);
-    wire::append_parameter_record(set, OCP_Parameters::MODE, 7.0f);
-    wire::append_parameter_record(set, OCP_Parameters::ADDRESS, 48.0f);
+    wire::append_parameter_record(set, code_of(Parameters::LIMIT_TORQUE), 2.5f);
+    wire::append_parameter_record(set, code_of(Parameters::MODE), 7.0f);
+    wire::append_parameter_record(set, code_of(Parameters::ADDRESS), 48.0f);
     EXPECT_EQ(command_text(set), "SET_PARAMETERS LIMIT_TORQUE=2.5 MODE=POSITION(7) ADDRESS=48");
     EXPECT_EQ(command_text({0x0C, 0x04, 0x30}), "GET_PARAMETERS LIMIT_TORQUE MODE");
     EXPECT_EQ(command_text({0x0D, 0x02}), "SET_TORQUE_PERFORMANCE preset=2");
@@ -100,7 +103,7 @@ TEST(MessageDecoder, CommandJson) {
               R"({"direction":"host_to_device","bytes":"0307","parts":[{"name":"SET_MODE","code":3,"values":[)"
               R"({"name":"mode","type":"u8","value":7,"meaning":"POSITION"}]}]})");
     Bytes set = command(wire::Command::SET_PARAMETERS);
-    wire::append_parameter_record(set, OCP_Parameters::LIMIT_TORQUE, 2.5f);
+    wire::append_parameter_record(set, code_of(Parameters::LIMIT_TORQUE), 2.5f);
     EXPECT_EQ(decode_command(set).json(),
               R"({"direction":"host_to_device","bytes":"0b0400002040","parts":[{"name":"SET_PARAMETERS","code":11,)"
               R"("values":[{"name":"LIMIT_TORQUE","code":4,"type":"f32","value":2.5}]}]})");
@@ -140,8 +143,8 @@ TEST(MessageDecoder, MalformedCommandsAreShownAsSuch) {
 // --- replies -------------------------------------------------------------
 
 TEST(MessageDecoder, ItemRecordsInTheirWireTypes) {
-    const Bytes buffer = item_record(OCP_Items::POS_FB_4C, 1.5f) + item_record(OCP_Items::ITEM_42, 12.0f) +
-                         item_record(OCP_Items::ITEM_4A, -3.0f) + item_record(OCP_Items::VBUS_70, 48.0f);
+    const Bytes buffer = item_record(Items::POS_FB_4C, 1.5f) + item_record(Items::ITEM_42, 12.0f) +
+                         item_record(Items::ITEM_4A, -3.0f) + item_record(Items::VBUS_70, 48.0f);
     EXPECT_EQ(reply_text(buffer), "ITEMS POS_FB_4C=1.5 ITEM_42=12 ITEM_4A=-3 VBUS_70=48");
     const DecodedMessage message = decode_reply(buffer, wire::REPLY_REQUESTED);
     EXPECT_EQ(message.parts.at(0).values.at(1).type, DecodedValue::Type::u32);
@@ -171,9 +174,9 @@ TEST(MessageDecoder, ErrorFlagsWithDescriptions) {
 
 TEST(MessageDecoder, ParametersInTheirWireTypes) {
     Bytes buffer{static_cast<uint8_t>(wire::RecordCode::PARAMETERS)};
-    wire::append_typed_parameter_record(buffer, OCP_Parameters::LIMIT_TORQUE, 2.5f);
-    wire::append_typed_parameter_record(buffer, OCP_Parameters::DEVICE_80, 12.0f);
-    wire::append_typed_parameter_record(buffer, OCP_Parameters::MODE, 6.0f);
+    wire::append_typed_parameter_record(buffer, code_of(Parameters::LIMIT_TORQUE), 2.5f);
+    wire::append_typed_parameter_record(buffer, code_of(Parameters::DEVICE_80), 12.0f);
+    wire::append_typed_parameter_record(buffer, code_of(Parameters::MODE), 6.0f);
     EXPECT_EQ(reply_text(buffer), "PARAMETERS LIMIT_TORQUE=2.5 DEVICE_80=12 MODE=SPEED(6)");
     buffer.push_back(0x00);
     EXPECT_TRUE(decode_reply(buffer).well_formed()) << "a zero code ends the entries";
@@ -182,7 +185,7 @@ TEST(MessageDecoder, ParametersInTheirWireTypes) {
 TEST(MessageDecoder, EmptyRepliesAndEndRecords) {
     EXPECT_EQ(reply_text({}), "(empty)");
     EXPECT_EQ(reply_text({0x00}), "(empty)");
-    EXPECT_EQ(reply_text(item_record(OCP_Items::POS_FB_4C, 1.0f) + Bytes{0x00}), "ITEMS POS_FB_4C=1");
+    EXPECT_EQ(reply_text(item_record(Items::POS_FB_4C, 1.0f) + Bytes{0x00}), "ITEMS POS_FB_4C=1");
 }
 
 TEST(MessageDecoder, MalformedRepliesAreShownAsSuch) {
@@ -192,7 +195,7 @@ TEST(MessageDecoder, MalformedRepliesAreShownAsSuch) {
         EXPECT_EQ(message.text(), text);
     };
     expect({0x4C, 0x00, 0x00}, "!! truncated record 0x4c: 3 of 5 bytes [4c0000]");
-    expect(item_record(OCP_Items::POS_FB_4C, 1.0f) + Bytes{0x77},
+    expect(item_record(Items::POS_FB_4C, 1.0f) + Bytes{0x77},
            "ITEMS POS_FB_4C=1 !! unknown record code 0x77 [4c0000803f77]");
     expect(ping_reply(3, 0x0842) + Bytes{0x4C}, "PING_REPLY model=HERON_A(3) firmware=1.1.2(0x0842) !! 1 byte after "
                                                 "the last record [80030042084c]");

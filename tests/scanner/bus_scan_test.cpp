@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "ocp_api/orrery_actuator.hpp"
 #include "support/device_replies.hpp"
 #include "support/recording_transport.hpp"
 
@@ -198,9 +199,9 @@ TEST(BusScan, ADeviceThatAnswersTwiceIsListedOnce) {
 
 TEST(BusScan, APingAnswerBehindItemRecordsCountsAndOtherRepliesDoNot) {
     RecordingTransport transport;
-    Bytes streamed_then_ping{static_cast<uint8_t>(OCP_Items::POS_FB_4C)};
+    Bytes streamed_then_ping{code_of(OrreryActuator::OCP_Items::POS_FB_4C)};
     streamed_then_ping = streamed_then_ping + f32(1.0f) + ping_reply(3, 0x0842);
-    Bytes item_only{static_cast<uint8_t>(OCP_Items::POS_FB_4C)};
+    Bytes item_only{code_of(OrreryActuator::OCP_Items::POS_FB_4C)};
     item_only = item_only + f32(1.0f);
     const Bytes short_ping{0x80, 0x03, 0x00, 0x42};
     const std::map<int, Bytes> replies{{0x10, streamed_then_ping},

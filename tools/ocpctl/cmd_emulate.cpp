@@ -120,7 +120,8 @@ int run_emulate(const EmulateOptions& options, const GlobalOptions& global) {
     ocp_api::CanDeviceHostOptions host_options;
     host_options.isotp.fd = spec.fd;
     host_options.isotp.fd_data_length = spec.fd_data_length;
-    // Signals are caught before the host's thread starts, so it shares the handlers.
+    // The handlers are in place before any device answers: a signal at any
+    // moment from here on ends the run through the loop below.
     StopSignal stop;
     HangupSignal hangup;
     ocp_api::CanDeviceHost host(std::make_unique<ocp_api::SocketCanLink>(spec.interface, link_options),
