@@ -33,7 +33,7 @@ struct CanBusCounters {
     uint64_t frames_in = 0;            // every frame the link delivered
     uint64_t frames_out = 0;           // frames the link accepted
     uint64_t messages_in = 0;          // whole replies reassembled
-    uint64_t messages_out = 0;         // commands whose last frame the link accepted
+    uint64_t messages_out = 0;         // commands whose last frame went to the link
     uint64_t foreign_frames = 0;       // frames that are not replies of the mapping
     uint64_t segmentation_errors = 0;  // broken segmentation in arriving frames
     uint64_t timeouts = 0;             // half-sent or half-received messages dropped on a time-out

@@ -131,7 +131,7 @@ private:
     void on_first_frame(const CanFrame& frame, IsoTpTime now, std::vector<CanFrame>& out);
     std::optional<std::vector<uint8_t>> on_consecutive_frame(const CanFrame& frame, IsoTpTime now,
                                                              std::vector<CanFrame>& out);
-    void send_flow_control(uint8_t status, IsoTpTime now, std::vector<CanFrame>& out);
+    void send_flow_control(uint8_t status, std::vector<CanFrame>& out);
     void drop_partial();
 
     const uint32_t fc_id_;

@@ -329,7 +329,7 @@ void IsoTpReceiver::on_first_frame(const CanFrame& frame, IsoTpTime now, std::ve
         header = FF_ESCAPE_HEADER;
         if (length > ISOTP_MAX_MESSAGE) {
             ++counters_.overflows;
-            send_flow_control(static_cast<uint8_t>(FlowStatus::overflow), now, out);
+            send_flow_control(static_cast<uint8_t>(FlowStatus::overflow), out);
             return;
         }
     }
@@ -346,7 +346,7 @@ void IsoTpReceiver::on_first_frame(const CanFrame& frame, IsoTpTime now, std::ve
     receiving_ = true;
     block_left_ = options_.block_size;
     deadline_ = now + options_.n_cr;
-    send_flow_control(static_cast<uint8_t>(FlowStatus::continue_to_send), now, out);
+    send_flow_control(static_cast<uint8_t>(FlowStatus::continue_to_send), out);
 }
 
 std::optional<std::vector<uint8_t>> IsoTpReceiver::on_consecutive_frame(const CanFrame& frame, IsoTpTime now,
@@ -376,12 +376,12 @@ std::optional<std::vector<uint8_t>> IsoTpReceiver::on_consecutive_frame(const Ca
     deadline_ = now + options_.n_cr;
     if (options_.block_size > 0 && --block_left_ == 0) {
         block_left_ = options_.block_size;
-        send_flow_control(static_cast<uint8_t>(FlowStatus::continue_to_send), now, out);
+        send_flow_control(static_cast<uint8_t>(FlowStatus::continue_to_send), out);
     }
     return std::nullopt;
 }
 
-void IsoTpReceiver::send_flow_control(uint8_t status, IsoTpTime, std::vector<CanFrame>& out) {
+void IsoTpReceiver::send_flow_control(uint8_t status, std::vector<CanFrame>& out) {
     const std::vector<uint8_t> payload{pci_byte(Pci::flow_control, status), options_.block_size, options_.st_min};
     out.push_back(padded_frame(fc_id_, options_.fd, payload));
     ++counters_.frames_out;

@@ -120,6 +120,7 @@ CanDeviceHostCounters CanDeviceHost::counters() const {
 
 // Called with the lock held, by a device's control (an injected error).
 void CanDeviceHost::emit_replies(detail::DeviceReplies& replies) {
+    if (stopping_) return;  // a closed host sends nothing
     std::vector<CanFrame> out;
     queue_replies(replies, Clock::now(), out);
     transmit(out);

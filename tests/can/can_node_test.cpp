@@ -144,3 +144,61 @@ TEST(CanNode, DeadlineIsTheEarliestOfItsTransfers) {
 }
 
 }  // namespace
+
+namespace {
+
+Bytes data_of(const CanFrame& frame) { return Bytes(frame.data.begin(), frame.data.begin() + frame.len); }
+
+// The first request and answer of get_parameters_all() on classic CAN, frame
+// by frame as docs/can-mapping.md shows them.
+TEST(CanNode, TheDocumentedParameterExchange) {
+    Node host{Role::host, IsoTpOptions{}};
+    Node device{Role::device, IsoTpOptions{}};
+    Frames from_host;
+    Frames from_device;
+    Messages at_host;
+    Messages at_device;
+    host.queue(0x21, 0, {0x0C, 1, 2, 3, 4, 5, 6, 7, 8, 9}, T0, from_host);
+    ASSERT_EQ(from_host.size(), 1u);
+    EXPECT_EQ(from_host[0].id, 0x00D00021u);
+    EXPECT_EQ(data_of(from_host[0]), (Bytes{0x10, 0x0A, 0x0C, 0x01, 0x02, 0x03, 0x04, 0x05}));
+    device.on_frame(from_host[0], T0, from_device, at_device);
+    ASSERT_EQ(from_device.size(), 1u);
+    EXPECT_EQ(from_device[0].id, 0x00D04021u);
+    EXPECT_EQ(data_of(from_device[0]), (Bytes{0x30, 0x00, 0x00, 0xCC, 0xCC, 0xCC, 0xCC, 0xCC}));
+    from_host.clear();
+    host.on_frame(from_device[0], T0, from_host, at_host);
+    ASSERT_EQ(from_host.size(), 1u);
+    EXPECT_EQ(data_of(from_host[0]), (Bytes{0x21, 0x06, 0x07, 0x08, 0x09, 0xCC, 0xCC, 0xCC}));
+    from_device.clear();
+    device.on_frame(from_host[0], T0, from_device, at_device);
+    ASSERT_EQ(at_device.size(), 1u);
+    EXPECT_EQ(at_device[0].bytes, (Bytes{0x0C, 1, 2, 3, 4, 5, 6, 7, 8, 9}));
+
+    // 46 bytes: PARAMETERS, then nine records (code, 32-bit value).
+    const Bytes answer{0x83, 0x01, 0xCD, 0xCC, 0xCC, 0x3D, 0x02, 0x00, 0x00, 0x80, 0x3F, 0x03, 0x00, 0x00, 0x00, 0x00,
+                       0x04, 0x00, 0x00, 0x20, 0x41, 0x05, 0x00, 0x00, 0xC8, 0x42, 0x06, 0x00, 0x00, 0xC8, 0xC2, 0x07,
+                       0x00, 0x00, 0x48, 0x42, 0x08, 0x00, 0x00, 0x48, 0xC2, 0x09, 0x00, 0x00, 0xC8, 0x42};
+    ASSERT_EQ(answer.size(), 46u);
+    device.queue(0x21, 0, answer, T0, from_device);
+    ASSERT_EQ(from_device.size(), 1u);
+    EXPECT_EQ(data_of(from_device[0]), (Bytes{0x10, 0x2E, 0x83, 0x01, 0xCD, 0xCC, 0xCC, 0x3D}));
+    from_host.clear();
+    host.on_frame(from_device[0], T0, from_host, at_host);
+    ASSERT_EQ(from_host.size(), 1u);
+    EXPECT_EQ(from_host[0].id, 0x00D00021u);
+    EXPECT_EQ(data_of(from_host[0]), (Bytes{0x30, 0x00, 0x00, 0xCC, 0xCC, 0xCC, 0xCC, 0xCC}));
+    from_device.clear();
+    device.on_frame(from_host[0], T0, from_device, at_device);
+    const std::vector<Bytes> expected{
+        {0x21, 0x02, 0x00, 0x00, 0x80, 0x3F, 0x03, 0x00}, {0x22, 0x00, 0x00, 0x00, 0x04, 0x00, 0x00, 0x20},
+        {0x23, 0x41, 0x05, 0x00, 0x00, 0xC8, 0x42, 0x06}, {0x24, 0x00, 0x00, 0xC8, 0xC2, 0x07, 0x00, 0x00},
+        {0x25, 0x48, 0x42, 0x08, 0x00, 0x00, 0x48, 0xC2}, {0x26, 0x09, 0x00, 0x00, 0xC8, 0x42, 0xCC, 0xCC}};
+    ASSERT_EQ(from_device.size(), expected.size());
+    for (std::size_t i = 0; i < expected.size(); ++i) EXPECT_EQ(data_of(from_device[i]), expected[i]) << i;
+    for (const auto& frame : from_device) host.on_frame(frame, T0, from_host, at_host);
+    ASSERT_EQ(at_host.size(), 1u);
+    EXPECT_EQ(at_host[0].bytes, answer);
+}
+
+}  // namespace

@@ -126,3 +126,20 @@ TEST(CanDeviceHost, RejectsAMissingLinkAndNonsenseOptions) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(CanDeviceHost, AClosedHostSendsNothing) {
+    ocp_api::VirtualCanChannel channel;
+    auto tester = channel.open();
+    ocp_api::CanDeviceHost host(channel.open());
+    host.add_actuator(0x21);
+    host.close();
+    host.close();
+    host.actuator(0x21).inject_errors(1u << 16);
+    tester->send_frame(frame_of(0x00D00021, {0x01, 0x40}));
+    EXPECT_EQ(next_frame(*tester, 50ms).len, 0);
+    EXPECT_EQ(host.counters().frames_out, 0u);
+}
+
+}  // namespace

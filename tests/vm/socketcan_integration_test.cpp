@@ -38,8 +38,8 @@ using namespace ocp_api;
 using namespace std::chrono_literals;
 using ocp_test::eventually;
 using ocp_test::StreamCapture;
-using Items = OCP_Items;
-using P = OCP_Parameters;
+using Items = OrreryActuator::OCP_Items;
+using P = OrreryActuator::OCP_Parameters;
 
 constexpr int kDevice = 0x21;
 

@@ -7,12 +7,13 @@
 #include <vector>
 
 #include "ocp_api/identifiers.hpp"
+#include "ocp_api/orrery_actuator.hpp"
 #include "ocp_api/wire.hpp"
 
 namespace ocp_fuzz {
 
 inline bool is_parameter_code(uint8_t code) {
-    for (const auto parameter : ocp_api::ALL_PARAMETERS)
+    for (const auto parameter : ocp_api::OrreryActuator::ALL_PARAMETERS)
         if (static_cast<uint8_t>(parameter) == code) return true;
     return false;
 }

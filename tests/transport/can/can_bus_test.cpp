@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <random>
 
@@ -254,6 +255,60 @@ TEST(CanBus, CloseFromInsideACallback) {
     device->send_frame(frame_of(0x00D04021, {0x01, 0x00}));
     ASSERT_TRUE(eventually([&] { return called.load(); }));
     EXPECT_FALSE(bus.send(0x21, {0x40}));
+}
+
+}  // namespace
+
+namespace {
+
+// A link whose adapter queue never drains, or that refuses every frame.
+class StuckLink : public ocp_api::CanLink {
+public:
+    explicit StuckLink(SendResult answer) : answer_(answer) {}
+    bool fd() const override { return false; }
+    SendResult send_frame(const ocp_api::CanFrame&) override {
+        attempts.fetch_add(1);
+        return answer_;
+    }
+    ocp_api::CanLinkEvent receive(std::chrono::nanoseconds timeout) override {
+        std::unique_lock<std::mutex> lock(mutex_);
+        woken_.wait_for(lock, timeout, [this] { return wake_; });
+        wake_ = false;
+        return {};
+    }
+    void wake() override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        wake_ = true;
+        woken_.notify_all();
+    }
+    std::atomic<int> attempts{0};
+
+private:
+    const SendResult answer_;
+    std::mutex mutex_;
+    std::condition_variable woken_;
+    bool wake_ = false;
+};
+
+TEST(CanBus, ABusyAdapterIsRetriedBrieflyThenTheFrameIsDropped) {
+    auto link = std::make_unique<StuckLink>(CanLink::SendResult::busy);
+    StuckLink& stuck = *link;
+    CanBusOptions options;
+    options.busy_retry = std::chrono::microseconds(2000);
+    CanBus bus(std::move(link), options);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(bus.send(0x21, {0x40}));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+    EXPECT_GT(stuck.attempts.load(), 1);
+    EXPECT_EQ(bus.counters().drops, 1u);
+    EXPECT_EQ(bus.counters().frames_out, 0u);
+}
+
+TEST(CanBus, ALinkThatRefusesFramesCountsLinkErrors) {
+    CanBus bus(std::make_unique<StuckLink>(CanLink::SendResult::failed));
+    EXPECT_FALSE(bus.send(0x21, {0x40}));
+    EXPECT_FALSE(bus.send(0x21, {0x40}));
+    EXPECT_EQ(bus.counters().link_errors, 2u);
 }
 
 }  // namespace
