@@ -33,12 +33,18 @@ struct Invocation {
 
 class EmulateIntegration : public testing::TestWithParam<Medium> {
 protected:
-    // Starts the emulator and waits until its socket listens.
+    // Starts the emulator and waits until its socket listens and its first
+    // device has answered once (a fresh guest's first exchange is slow).
     void start_emulator(const std::string& addresses) {
         const int before = ocp_vm::receivers_on(GetParam().interface());
         emulator_ = std::make_unique<ocp_vm::Child>(
             std::vector<std::string>{OCPCTL, "--bus", GetParam().bus(), "emulate", addresses});
         ASSERT_TRUE(ocp_vm::wait_for_receivers(GetParam().interface(), before + 1));
+        const std::string first = addresses.substr(0, addresses.find(','));
+        for (int attempt = 0; attempt < 30; ++attempt) {
+            if (ocpctl({"info", first}).status == 0) return;
+        }
+        FAIL() << "the emulator does not answer at " << first;
     }
 
     Invocation ocpctl(std::vector<std::string> args, std::chrono::seconds bound = 60s) const {
