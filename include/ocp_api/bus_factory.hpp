@@ -7,6 +7,7 @@
 //   socketcan:can0,fd,dlen=16  ... with CAN-FD frames of at most 16 bytes
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -29,5 +30,17 @@ std::vector<BusScheme> bus_schemes();
 // whatever the transport throws when it cannot open (std::system_error naming
 // the interface for SocketCAN).
 std::unique_ptr<OCP> open_bus(const std::string& spec);
+
+// The parts of a "socketcan:IF[,fd][,dlen=N]" text, for programs that work on
+// the interface's raw frames themselves (a traffic monitor, emulated devices).
+struct SocketCanSpec {
+    std::string interface;
+    bool fd = false;
+    uint8_t fd_data_length = 64;
+};
+
+// Throws std::invalid_argument, with the same messages as open_bus, for a
+// malformed text, and for any other scheme.
+SocketCanSpec parse_socketcan_spec(const std::string& spec);
 
 }  // namespace ocp_api

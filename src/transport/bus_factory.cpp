@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <stdexcept>
+#include <string_view>
 
 #include "ocp_api/sim_bus.hpp"
 #include "ocp_api/socketcan_bus.hpp"
@@ -67,28 +68,38 @@ std::unique_ptr<OCP> open_sim(const std::string& argument) {
     return bus;
 }
 
-std::unique_ptr<OCP> open_socketcan(const std::string& argument) {
+// The interface and options of a "socketcan:" argument ("can0,fd,dlen=16").
+SocketCanSpec socketcan_spec_of(const std::string& argument) {
     const std::vector<std::string> parts = split(argument, ',');
     if (parts[0].empty()) throw std::invalid_argument("bus 'socketcan:' needs an interface name, e.g. socketcan:can0");
-    SocketCanBusOptions options;
+    SocketCanSpec spec;
+    spec.interface = parts[0];
     bool length_given = false;
     for (std::size_t i = 1; i < parts.size(); ++i) {
         long length = 0;
         if (parts[i] == "fd") {
-            options.fd = true;
+            spec.fd = true;
         } else if (parts[i].rfind("dlen=", 0) == 0 && parse_number(parts[i].substr(5), length) && length >= 8 &&
                    length <= 64 && can::fd_frame_length(static_cast<std::size_t>(length)) == length) {
-            options.fd_data_length = static_cast<uint8_t>(length);
+            spec.fd_data_length = static_cast<uint8_t>(length);
             length_given = true;
         } else {
             throw std::invalid_argument("invalid option '" + parts[i] + "' in bus 'socketcan:" + argument +
                                         "' (expected fd, or dlen= one of 8, 12, 16, 20, 24, 32, 48, 64)");
         }
     }
-    if (length_given && !options.fd) {
+    if (length_given && !spec.fd) {
         throw std::invalid_argument("dlen applies to CAN-FD only: add ',fd' to bus 'socketcan:" + argument + "'");
     }
-    return std::make_unique<SocketCanBus>(parts[0], options);
+    return spec;
+}
+
+std::unique_ptr<OCP> open_socketcan(const std::string& argument) {
+    const SocketCanSpec spec = socketcan_spec_of(argument);
+    SocketCanBusOptions options;
+    options.fd = spec.fd;
+    options.fd_data_length = spec.fd_data_length;
+    return std::make_unique<SocketCanBus>(spec.interface, options);
 }
 
 struct SchemeEntry {
@@ -129,6 +140,13 @@ std::unique_ptr<OCP> open_bus(const std::string& spec) {
         if (entry.scheme.name == name) return entry.open(argument);
     }
     throw std::invalid_argument("unknown bus '" + spec + "' (known: " + known_schemes() + ")");
+}
+
+SocketCanSpec parse_socketcan_spec(const std::string& spec) {
+    constexpr std::string_view PREFIX = "socketcan:";
+    if (spec.rfind(PREFIX.data(), 0) != 0)
+        throw std::invalid_argument("bus '" + spec + "' is not a CAN interface (expected socketcan:IF[,fd][,dlen=N])");
+    return socketcan_spec_of(spec.substr(PREFIX.size()));
 }
 
 }  // namespace ocp_api

@@ -62,6 +62,10 @@ Child::Child(const std::vector<std::string>& argv) {
     in_ = in[1];
 }
 
+void Child::signal(int signal) const {
+    if (pid_ > 0) ::kill(pid_, signal);
+}
+
 Child::~Child() {
     if (pid_ > 0) {
         ::kill(pid_, SIGKILL);

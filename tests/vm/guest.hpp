@@ -29,6 +29,8 @@ public:
     // everything it wrote to standard output.
     std::string finish(std::chrono::seconds bound = std::chrono::seconds(30));
     int exit_status() const { return status_; }
+    // Sends `signal` to the child while it runs.
+    void signal(int signal) const;
 
 private:
     pid_t pid_ = -1;

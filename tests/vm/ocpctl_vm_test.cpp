@@ -69,9 +69,6 @@ TEST_P(OcpctlCommands, ScanFindsTheDevices) {
     const auto result = ocp_test::run_process({kOcpctl, "--bus", bus(), "scan", "--from", "0x20", "--to", "0x23"});
     EXPECT_EQ(result.exit_status, 0) << result.err;
     EXPECT_EQ(result.out,
-              "Device found: address 0x21 (33)\tmodel HERON_A\tfirmware 1.1.2\n"
-              "Device found: address 0x22 (34)\tmodel KESTREL_B\tfirmware 1.4.3\n"
-              "\n"
               "ADDRESS  MODEL       FIRMWARE\n"
               "0x21     HERON_A     1.1.2\n"
               "0x22     KESTREL_B   1.4.3\n");

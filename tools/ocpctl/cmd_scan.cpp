@@ -1,14 +1,15 @@
-// ocpctl scan: a table (or JSON) of the devices that answered; the scanner's
-// own lines serve as progress on a terminal.
+// ocpctl scan: a table (or JSON) of the devices that answered, each once on
+// standard output. --fast keeps many pings in flight; progress goes to
+// standard error when that is a terminal.
 #include <unistd.h>
 
 #include <cstdio>
-#include <iostream>
 #include <memory>
-#include <sstream>
 
 #include <nlohmann/json.hpp>
+#include <ocp_api/bus_scan.hpp>
 #include <ocp_api/orrery_actuator.hpp>
+#include <ocp_api/wire.hpp>
 
 #include "bus.hpp"
 #include "commands.hpp"
@@ -18,84 +19,68 @@ namespace ocpctl {
 namespace {
 
 struct ScanOptions {
-    std::string from = "0x10";
-    std::string to = "0x3f";
+    std::string from;  // empty: the default of the kind of scan
+    std::string to;
     bool json = false;
+    bool fast = false;
+    double rate = ocp_api::BusScanOptions{}.pings_per_second;
+    int attempts = 1;
 };
 
-struct FoundDevice {
-    int address;
-    std::string model;
-    std::string firmware;
-};
+// The plain scan probes a short range by default; the fast one, all of it.
+constexpr int PLAIN_SCAN_LAST = 0x3f;
 
-// Keeps what is written to it and, when asked, shows it on standard error
-// as it comes.
-class KeepAndEcho : public std::stringbuf {
+std::string default_last(const ScanOptions& options) {
+    return hex(options.fast ? ocp_api::wire::MAX_DEVICE_ADDRESS : PLAIN_SCAN_LAST);
+}
+
+// One line on standard error, rewritten in place while the scan runs.
+class ProgressLine {
 public:
-    explicit KeepAndEcho(bool echo) : echo_(echo) {}
-
-protected:
-    std::streamsize xsputn(const char* text, std::streamsize count) override {
-        if (echo_) std::fwrite(text, 1, static_cast<std::size_t>(count), stderr);
-        return std::stringbuf::xsputn(text, count);
+    void show(const ocp_api::ScanProgress& progress) {
+        std::fprintf(stderr, "\rscanning: pass %d, %zu/%zu addresses, %zu found\033[K", progress.pass,
+                     progress.probed, progress.to_probe, progress.found);
+        std::fflush(stderr);
+        shown_ = true;
     }
-    int_type overflow(int_type c) override {
-        if (echo_ && c != traits_type::eof()) std::fputc(c, stderr);
-        return std::stringbuf::overflow(c);
+    ~ProgressLine() {
+        if (shown_) std::fputs("\r\033[K", stderr);
     }
 
 private:
-    bool echo_;
+    bool shown_ = false;
 };
 
-// Sends what is written to std::cout to `target` while it lives.
-class RedirectCout {
-public:
-    explicit RedirectCout(std::streambuf* target) : saved_(std::cout.rdbuf(target)) {}
-    ~RedirectCout() { std::cout.rdbuf(saved_); }
-    RedirectCout(const RedirectCout&) = delete;
-    RedirectCout& operator=(const RedirectCout&) = delete;
-
-private:
-    std::streambuf* saved_;
-};
-
-// Reads model and firmware back from a "Device found: ..." line.
-FoundDevice parse_found_line(int address, const std::string& line) {
-    const auto text_after = [&](const std::string& marker, char end) {
-        const std::size_t start = line.find(marker);
-        if (start == std::string::npos) return std::string();
-        const std::size_t from = start + marker.size();
-        const std::size_t stop = line.find(end, from);
-        return line.substr(from, stop == std::string::npos ? std::string::npos : stop - from);
-    };
-    return {address, text_after("\tmodel ", '\t'), text_after("\tfirmware ", '\n')};
+ocp_api::BusScanOptions bus_scan_options(const ScanOptions& options, ProgressLine* progress) {
+    ocp_api::BusScanOptions scan = ocp_api::BusScanOptions::sequential();
+    if (options.fast) {
+        scan = ocp_api::BusScanOptions{};
+        scan.pings_per_second = options.rate;
+        scan.attempts = options.attempts;
+    }
+    if (progress) scan.on_progress = [progress](const ocp_api::ScanProgress& p) { progress->show(p); };
+    return scan;
 }
 
 int run_scan(const ScanOptions& options, const GlobalOptions& global) {
-    const int from = parse_address(options.from);
-    const int to = parse_address(options.to);
-    if (from > to) throw UsageError("--from " + options.from + " is above --to " + options.to);
+    const std::string from_text = options.from.empty() ? hex(ocp_api::wire::MIN_DEVICE_ADDRESS) : options.from;
+    const std::string to_text = options.to.empty() ? default_last(options) : options.to;
+    const int from = parse_address(from_text);
+    const int to = parse_address(to_text);
+    if (from > to) throw UsageError("--from " + from_text + " is above --to " + to_text);
+    if (!(options.rate > 0.0)) throw UsageError("--rate must be a positive number of pings per second");
+    if (options.attempts < 1) throw UsageError("--attempts must be at least 1");
     Bus bus(parse_bus(global.bus));
 
-    // Each device is printed once on standard output, in the table; the
-    // scanner's lines go to a terminal's standard error as progress.
-    KeepAndEcho scanner_lines(isatty(STDERR_FILENO) != 0);
-    std::vector<int> addresses;
+    std::vector<ocp_api::FoundDevice> devices;
     {
-        RedirectCout capture(&scanner_lines);
         ocp_api::OrreryActuatorScanner scanner(bus.transport());
         if (!scanner.is_connected())
             throw DeviceError("no CAN adapter answered at address 0x0 after " + format_seconds(1.0));
-        addresses = scanner.scan(from, to);
-    }
-    std::vector<FoundDevice> devices;
-    std::istringstream lines(scanner_lines.str());
-    std::string line;
-    for (const int address : addresses) {
-        std::getline(lines, line);
-        devices.push_back(parse_found_line(address, line));
+        ProgressLine progress;
+        const bool show_progress = isatty(STDERR_FILENO) == 1;
+        devices = ocp_api::scan_bus(bus.transport(), from, to,
+                                    bus_scan_options(options, show_progress ? &progress : nullptr));
     }
 
     if (options.json) {
@@ -130,10 +115,17 @@ int run_scan(const ScanOptions& options, const GlobalOptions& global) {
 void add_scan_command(CLI::App& app, const GlobalOptions& global, Runner& runner) {
     auto options = std::make_shared<ScanOptions>();
     CLI::App* scan = app.add_subcommand("scan", "Find the actuators that answer on a range of addresses");
-    scan->add_option("--from", options->from, "First address to probe")->capture_default_str();
-    scan->add_option("--to", options->to, "Last address to probe")->capture_default_str();
+    scan->add_option("--from", options->from, "First address to probe (default 0x10)");
+    scan->add_option("--to", options->to, "Last address to probe (default 0x3f; with --fast 0x3ffe)");
     scan->add_flag("--json", options->json, "Print the result as JSON");
-    scan->footer("Examples:\n  ocpctl scan\n  ocpctl scan --from 0x20 --to 0x2f --json");
+    scan->add_flag("--fast", options->fast,
+                   "Keep up to 256 pings in flight: the whole range in about 3.5 s, at most --rate frames/s");
+    scan->add_option("--rate", options->rate, "With --fast: pings per second at most")->capture_default_str();
+    scan->add_option("--attempts", options->attempts, "With --fast: passes over addresses still silent (lossy bus)")
+        ->capture_default_str();
+    scan->footer(
+        "Examples:\n  ocpctl scan\n  ocpctl scan --from 0x20 --to 0x2f --json\n  ocpctl scan --fast\n"
+        "  ocpctl scan --fast --rate 1000 --attempts 2");
     scan->callback([&runner, &global, options] { runner = [&global, options] { return run_scan(*options, global); }; });
 }
 

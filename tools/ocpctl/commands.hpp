@@ -19,5 +19,7 @@ void add_motion_commands(CLI::App& app, const GlobalOptions& global, Runner& run
 void add_simulate_command(CLI::App& app, Runner& runner);
 void add_demo_command(CLI::App& app, Runner& runner);
 void add_list_command(CLI::App& app, Runner& runner);
+void add_dump_command(CLI::App& app, const GlobalOptions& global, Runner& runner);
+void add_emulate_command(CLI::App& app, const GlobalOptions& global, Runner& runner);
 
 }  // namespace ocpctl

@@ -30,6 +30,8 @@ const char* const EXAMPLES =
     "  ocpctl stream 0x21 --items POS_FB_4C,SPD_FB_45 --rate 200 --duration 1\n"
     "  ocpctl simulate --mode speed --setpoint 2 --load 0.5 --plot speed.svg\n"
     "  ocpctl --bus sim:0x21,0x40 scan --json\n"
+    "  ocpctl scan --fast\n"
+    "  ocpctl dump --log session.log\n"
     "\n"
     "Standard output carries results only; progress and diagnostics go to\n"
     "standard error. Exit status: 0 done, 1 a device or bus did not answer,\n"
@@ -68,6 +70,8 @@ int main(int argc, char** argv) {
     ocpctl::add_simulate_command(app, runner);
     ocpctl::add_demo_command(app, runner);
     ocpctl::add_list_command(app, runner);
+    ocpctl::add_dump_command(app, global, runner);
+    ocpctl::add_emulate_command(app, global, runner);
 
     try {
         app.parse(argc, argv);

@@ -1,0 +1,114 @@
+// The passive monitor: two nodes of the mapping, one per direction, whose
+// flow control goes nowhere.
+#include "ocp_api/can_traffic.hpp"
+
+#include <algorithm>
+
+#include "ocp_api/isotp.hpp"
+
+namespace ocp_api::can {
+
+namespace {
+
+IsoTpTime at(std::chrono::microseconds time) {
+    return IsoTpTime(std::chrono::duration_cast<IsoTpClock::duration>(time));
+}
+
+// Some other node on the bus asks for flow control; the monitor's receivers
+// take what comes without pacing it.
+IsoTpOptions monitor_options() { return IsoTpOptions{}; }
+
+// What broke, judged from how the segmentation counters moved; empty when
+// nothing did.
+std::string what_broke(const IsoTpCounters& before, const IsoTpCounters& after) {
+    if (after.timeouts > before.timeouts) return "message cut short: its next frame did not come in time";
+    if (after.overflows > before.overflows) return "first frame announces more than 4095 bytes";
+    if (after.segmentation_errors > before.segmentation_errors) {
+        return after.dropped > before.dropped ? "segmentation broken: the half-received message is dropped"
+                                              : "malformed ISO-TP frame";
+    }
+    if (after.ignored_frames > before.ignored_frames) return "consecutive frame without a first frame";
+    return {};
+}
+
+}  // namespace
+
+TrafficMonitor::TrafficMonitor() : replies_(Role::host, monitor_options()), commands_(Role::device, monitor_options()) {}
+
+NodeCounters TrafficMonitor::counters() const {
+    NodeCounters total = replies_.counters();
+    const NodeCounters other = commands_.counters();
+    total.isotp += other.isotp;
+    total.frames_in += other.frames_in;
+    total.foreign_frames += other.foreign_frames;
+    return total;
+}
+
+void TrafficMonitor::on_frame(const CanFrame& frame, std::chrono::microseconds time,
+                              std::vector<TrafficEvent>& events) {
+    advance_to(time, events);
+    const std::optional<MappedId> id = frame.extended ? decode_id(frame.id) : std::nullopt;
+    if (!id) {
+        TrafficEvent foreign;
+        foreign.type = TrafficEvent::Type::foreign_frame;
+        foreign.time = time;
+        foreign.frame = frame;
+        events.push_back(std::move(foreign));
+        return;
+    }
+    if (is_flow_control(frame)) return;  // the peers pacing each other
+
+    Node& node = id->direction == Direction::to_host ? replies_ : commands_;
+    const NodeCounters before = counters();
+    std::vector<CanFrame> unsent_flow_control;
+    std::vector<ReceivedMessage> messages;
+    node.on_frame(frame, at(last_time_), unsent_flow_control, messages);
+    report_changes(before, time, &frame, id, events);
+    for (auto& received : messages) {
+        TrafficEvent message;
+        message.type = TrafficEvent::Type::message;
+        message.time = time;
+        message.address = received.address;
+        message.direction = id->direction;
+        message.kind = received.kind;
+        message.bytes = std::move(received.bytes);
+        events.push_back(std::move(message));
+    }
+}
+
+void TrafficMonitor::finish(std::vector<TrafficEvent>& events) {
+    const auto after_every_timeout = last_time_ + std::chrono::duration_cast<std::chrono::microseconds>(
+                                                      monitor_options().n_cr + monitor_options().n_bs);
+    advance_to(after_every_timeout, events);
+}
+
+// Lets the receivers' time-outs run up to `time`. A frame logged slightly out
+// of order (two interfaces, two clocks) does not turn time back.
+void TrafficMonitor::advance_to(std::chrono::microseconds time, std::vector<TrafficEvent>& events) {
+    last_time_ = std::max(last_time_, time);
+    const NodeCounters before = counters();
+    std::vector<CanFrame> unsent;
+    replies_.on_time(at(last_time_), unsent);
+    commands_.on_time(at(last_time_), unsent);
+    report_changes(before, last_time_, nullptr, std::nullopt, events);
+}
+
+void TrafficMonitor::report_changes(const NodeCounters& before, std::chrono::microseconds time,
+                                    const CanFrame* frame, const std::optional<MappedId>& id,
+                                    std::vector<TrafficEvent>& events) const {
+    std::string problem = what_broke(before.isotp, counters().isotp);
+    if (problem.empty()) return;
+    TrafficEvent broken;
+    broken.type = TrafficEvent::Type::broken_segmentation;
+    broken.time = time;
+    if (id) {
+        broken.address = id->address;
+        broken.direction = id->direction;
+        broken.kind = id->kind;
+    }
+    if (frame) broken.frame = *frame;
+    broken.problem = std::move(problem);
+    events.push_back(std::move(broken));
+}
+
+}  // namespace ocp_api::can

@@ -1,0 +1,174 @@
+// ocpctl emulate in one process and separate ocpctl invocations against it, on
+// the guest's classic and CAN-FD vcan: what a user sees across processes.
+// Runs inside the VM (tests/vm/run-in-vm.sh), with ocpctl copied beside it.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <memory>
+#include <fstream>
+#include <sstream>
+
+#include "vm/guest.hpp"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+const std::string OCPCTL = "/test/ocpctl";
+
+struct Medium {
+    bool fd;
+    std::string interface() const { return fd ? ocp_vm::fd_interface() : ocp_vm::classic_interface(); }
+    std::string bus() const { return "socketcan:" + interface() + (fd ? ",fd" : ""); }
+};
+
+std::string medium_name(const testing::TestParamInfo<Medium>& info) { return info.param.fd ? "CanFd" : "Classic"; }
+
+struct Invocation {
+    int status;
+    std::string out;
+};
+
+class EmulateIntegration : public testing::TestWithParam<Medium> {
+protected:
+    // Starts the emulator and waits until its socket listens and its first
+    // device has answered once (a fresh guest's first exchange is slow).
+    void start_emulator(const std::string& addresses) {
+        const int before = ocp_vm::receivers_on(GetParam().interface());
+        emulator_ = std::make_unique<ocp_vm::Child>(
+            std::vector<std::string>{OCPCTL, "--bus", GetParam().bus(), "emulate", addresses});
+        ASSERT_TRUE(ocp_vm::wait_for_receivers(GetParam().interface(), before + 1));
+        const std::string first = addresses.substr(0, addresses.find(','));
+        for (int attempt = 0; attempt < 30; ++attempt) {
+            if (ocpctl({"info", first}).status == 0) return;
+        }
+        FAIL() << "the emulator does not answer at " << first;
+    }
+
+    Invocation ocpctl(std::vector<std::string> args, std::chrono::seconds bound = 60s) const {
+        args.insert(args.begin(), {OCPCTL, "--bus", GetParam().bus()});
+        ocp_vm::Child child(args);
+        Invocation run{0, child.finish(bound)};
+        run.status = child.exit_status();
+        return run;
+    }
+
+    // Sends SIGHUP and waits until the devices answer again.
+    void power_cycle(int answering_address) {
+        emulator_->signal(SIGHUP);
+        for (int attempt = 0; attempt < 100; ++attempt) {
+            if (ocpctl({"info", hex(answering_address)}).status == 0) return;
+        }
+        FAIL() << "no answer after the power cycle";
+    }
+
+    static std::string hex(int address) {
+        std::ostringstream text;
+        text << "0x" << std::hex << address;
+        return text.str();
+    }
+
+    std::unique_ptr<ocp_vm::Child> emulator_;
+};
+
+TEST_P(EmulateIntegration, ScanFindsExactlyTheEmulatedSet) {
+    start_emulator("0x21,0x22");
+    const Invocation scan = ocpctl({"scan", "--from", "0x10", "--to", "0x30"});
+    EXPECT_EQ(scan.status, 0);
+    EXPECT_EQ(scan.out,
+              "ADDRESS  MODEL       FIRMWARE\n"
+              "0x21     HERON_A     1.1.2\n"
+              "0x22     HERON_A     1.1.2\n");
+}
+
+TEST_P(EmulateIntegration, ASavedParameterIsReadByTheNextInvocation) {
+    start_emulator("0x21");
+    ASSERT_EQ(ocpctl({"params", "set", "0x21", "LIMIT_TORQUE=3"}).status, 0);
+    ASSERT_EQ(ocpctl({"save", "0x21"}).status, 0);
+    const Invocation get = ocpctl({"params", "get", "0x21", "LIMIT_TORQUE"});
+    EXPECT_EQ(get.status, 0);
+    EXPECT_EQ(get.out, "LIMIT_TORQUE           3\n");
+    power_cycle(0x21);
+    EXPECT_EQ(ocpctl({"params", "get", "0x21", "LIMIT_TORQUE"}).out, "LIMIT_TORQUE           3\n");
+}
+
+TEST_P(EmulateIntegration, AnAddressChangeSurvivesAPowerCycleOnlyWhenSaved) {
+    start_emulator("0x22");
+    ASSERT_EQ(ocpctl({"address", "0x22", "0x30"}).status, 0);
+    EXPECT_EQ(ocpctl({"info", "0x30"}).status, 0);
+    power_cycle(0x22);
+    EXPECT_EQ(ocpctl({"info", "0x30"}).status, 1) << "the unsaved address is gone";
+
+    ASSERT_EQ(ocpctl({"address", "0x22", "0x31", "--save"}).status, 0);
+    power_cycle(0x31);
+    EXPECT_EQ(ocpctl({"info", "0x22"}).status, 1);
+}
+
+TEST_P(EmulateIntegration, MoveDrivesThePhysicsAndStreamDeliversEveryRow) {
+    start_emulator("0x21");
+    const Invocation move = ocpctl({"move", "0x21", "--mode", "position", "--setpoint", "1", "--for", "1"});
+    ASSERT_EQ(move.status, 0);
+    float position = 0.0f;
+    const std::string last = move.out.substr(move.out.rfind("0x21 position"));
+    ASSERT_EQ(std::sscanf(last.c_str(), "0x21 position %f", &position), 1) << move.out;
+    EXPECT_NEAR(position, 1.0f, 0.05f);
+
+    const Invocation stream = ocpctl({"stream", "0x21", "--items", "POS_FB_4C", "--rate", "1000", "--duration", "1"});
+    ASSERT_EQ(stream.status, 0);
+    const auto rows = std::count(stream.out.begin(), stream.out.end(), '\n') - 1;  // minus the header
+    EXPECT_GE(rows, 950);
+    EXPECT_LE(rows, 1050);
+}
+
+// The 5 s bound of the whole range holds on the simulated bus (see
+// bus_scan_integration_test and bus_scan_bench); a guest without hardware
+// virtualisation runs many times slower, so here the time is recorded, and
+// what must hold is that every emulated device is found, once. A starved
+// guest can answer after the 50 ms period, so silent addresses get two more
+// pings.
+TEST_P(EmulateIntegration, FastScanOfTheWholeRangeFindsEveryEmulatedDevice) {
+    start_emulator("0x10,0x21,0x1234,0x3ffe");
+    const auto start = std::chrono::steady_clock::now();
+    const Invocation scan = ocpctl({"scan", "--fast", "--attempts", "3", "--json"}, 600s);
+    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+    RecordProperty("whole_range_scan_seconds", std::to_string(elapsed.count()));
+    std::fprintf(stderr, "whole range scanned in %.1f s\n", elapsed.count());
+    ASSERT_EQ(scan.status, 0);
+    for (const char* address : {"\"0x10\"", "\"0x21\"", "\"0x1234\"", "\"0x3ffe\""})
+        EXPECT_NE(scan.out.find(address), std::string::npos) << address;
+    EXPECT_EQ(std::count(scan.out.begin(), scan.out.end(), '{'), 5) << "the result and four devices";
+}
+
+TEST_P(EmulateIntegration, DumpOfACandumpRecordingDecodesEveryMessage) {
+    start_emulator("0x21");
+    const int before = ocp_vm::receivers_on(GetParam().interface());
+    ocp_vm::Child candump({"/usr/bin/candump", "-L", GetParam().interface()});
+    ASSERT_TRUE(ocp_vm::wait_for_receivers(GetParam().interface(), before + 1));
+    ASSERT_EQ(ocpctl({"params", "set", "0x21", "LIMIT_TORQUE=2.5"}).status, 0);
+    const std::string log = candump.finish(1s);
+    std::ofstream("/tmp/session.log") << log;
+
+    const Invocation dump = ocpctl({"dump", "--log", "/tmp/session.log"});
+    EXPECT_EQ(dump.status, 0);
+    EXPECT_NE(dump.out.find(" 0x21 to-device PING\n"), std::string::npos) << dump.out;
+    EXPECT_NE(dump.out.find(" 0x21 to-host PING_REPLY model=HERON_A(3) firmware=1.1.2(0x0842)\n"),
+              std::string::npos) << dump.out;
+    EXPECT_NE(dump.out.find(" 0x21 to-device SET_PARAMETERS LIMIT_TORQUE=2.5\n"), std::string::npos) << dump.out;
+    EXPECT_NE(dump.out.find(" 0x21 to-device GET_PARAMETERS LIMIT_TORQUE\n"), std::string::npos) << dump.out;
+    EXPECT_NE(dump.out.find(" 0x21 to-host PARAMETERS LIMIT_TORQUE=2.5\n"), std::string::npos) << dump.out;
+    EXPECT_EQ(dump.out.find("!!"), std::string::npos) << dump.out;
+    EXPECT_EQ(dump.out.find("not-ours"), std::string::npos) << dump.out;
+}
+
+TEST_P(EmulateIntegration, SigtermEndsTheEmulator) {
+    start_emulator("0x21");
+    emulator_->signal(SIGTERM);
+    emulator_->finish(10s);
+    EXPECT_EQ(emulator_->exit_status(), 128 + SIGTERM);
+}
+
+INSTANTIATE_TEST_SUITE_P(Vcan, EmulateIntegration, testing::Values(Medium{false}, Medium{true}), medium_name);
+
+}  // namespace
