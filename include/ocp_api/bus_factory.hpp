@@ -25,15 +25,15 @@ struct BusScheme {
 // Every scheme open_bus() knows, in the order help texts list them.
 std::vector<BusScheme> bus_schemes();
 
-// Opens the bus `spec` names. Throws std::invalid_argument for an unknown
+// Opens the bus `bus` names ("sim", "socketcan:can0,fd", ...). Throws std::invalid_argument for an unknown
 // scheme (the message lists the known ones) or a malformed argument, and
 // whatever the transport throws when it cannot open (std::system_error naming
 // the interface for SocketCAN).
-std::unique_ptr<OCP> open_bus(const std::string& spec);
+std::unique_ptr<OCP> open_bus(const std::string& bus);
 
 // The parts of a "socketcan:IF[,fd][,dlen=N]" text, for programs that work on
 // the interface's raw frames themselves (a traffic monitor, emulated devices).
-struct SocketCanSpec {
+struct SocketCanChoice {
     std::string interface;
     bool fd = false;
     uint8_t fd_data_length = 64;
@@ -41,6 +41,6 @@ struct SocketCanSpec {
 
 // Throws std::invalid_argument, with the same messages as open_bus, for a
 // malformed text, and for any other scheme.
-SocketCanSpec parse_socketcan_spec(const std::string& spec);
+SocketCanChoice parse_socketcan_bus(const std::string& bus);
 
 }  // namespace ocp_api

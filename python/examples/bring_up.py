@@ -12,11 +12,11 @@ import ocp_api
 Actuator = ocp_api.OrreryActuator
 
 
-def main(spec="sim", first=0x20, last=0x24):
+def main(bus_name="sim", first=0x20, last=0x24):
     try:
-        bus = ocp_api.open_bus(spec)
+        bus = ocp_api.open_bus(bus_name)
     except (OSError, ValueError) as error:
-        print(f"{spec}: {error}", file=sys.stderr)
+        print(f"{bus_name}: {error}", file=sys.stderr)
         return 2
     scanner = ocp_api.OrreryActuatorScanner(bus)
     found = scanner.scan(first, last)  # prints one "Device found" line each

@@ -20,11 +20,11 @@ Items = Actuator.OCP_Items
 ITEMS = [Items.POS_FB_4C, Items.SPD_FB_45, Items.T_FB_49]
 
 
-def main(output=None, spec="sim", address=0x21, hold_s=1.0):
+def main(output=None, bus_name="sim", address=0x21, hold_s=1.0):
     try:
-        bus = ocp_api.open_bus(spec)
+        bus = ocp_api.open_bus(bus_name)
     except (OSError, ValueError) as error:
-        print(f"{spec}: {error}", file=sys.stderr)
+        print(f"{bus_name}: {error}", file=sys.stderr)
         return 2
     joint = Actuator(bus, address)
     if not joint.connect(1.0):

@@ -55,9 +55,9 @@ invalid ``fd_data_length``.)doc")
         .def_property_readonly("fd", &SocketCanBus::fd);
 
     module.def(
-        "open_bus", [](const std::string& spec) { return tracked(open_bus(spec)); }, py::arg("spec"),
+        "open_bus", [](const std::string& bus) { return tracked(open_bus(bus)); }, py::arg("bus"),
         py::call_guard<py::gil_scoped_release>(), R"doc(
-Opens the bus ``spec`` names: "sim" (emulated actuators at 0x21, 0x22, 0x23),
+Opens the bus ``bus`` names: "sim" (emulated actuators at 0x21, 0x22, 0x23),
 "sim:0x21,0x40", "socketcan:can0", "socketcan:can0,fd", "socketcan:can0,fd,dlen=16".
 ValueError for an unknown scheme or a malformed argument; OSError when the
 interface cannot be opened.)doc");

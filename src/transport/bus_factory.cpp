@@ -69,37 +69,37 @@ std::unique_ptr<OCP> open_sim(const std::string& argument) {
 }
 
 // The interface and options of a "socketcan:" argument ("can0,fd,dlen=16").
-SocketCanSpec socketcan_spec_of(const std::string& argument) {
+SocketCanChoice socketcan_choice_of(const std::string& argument) {
     const std::vector<std::string> parts = split(argument, ',');
     if (parts[0].empty()) throw std::invalid_argument("bus 'socketcan:' needs an interface name, e.g. socketcan:can0");
-    SocketCanSpec spec;
-    spec.interface = parts[0];
+    SocketCanChoice choice;
+    choice.interface = parts[0];
     bool length_given = false;
     for (std::size_t i = 1; i < parts.size(); ++i) {
         long length = 0;
         if (parts[i] == "fd") {
-            spec.fd = true;
+            choice.fd = true;
         } else if (parts[i].rfind("dlen=", 0) == 0 && parse_number(parts[i].substr(5), length) && length >= 8 &&
                    length <= 64 && can::fd_frame_length(static_cast<std::size_t>(length)) == length) {
-            spec.fd_data_length = static_cast<uint8_t>(length);
+            choice.fd_data_length = static_cast<uint8_t>(length);
             length_given = true;
         } else {
             throw std::invalid_argument("invalid option '" + parts[i] + "' in bus 'socketcan:" + argument +
                                         "' (expected fd, or dlen= one of 8, 12, 16, 20, 24, 32, 48, 64)");
         }
     }
-    if (length_given && !spec.fd) {
+    if (length_given && !choice.fd) {
         throw std::invalid_argument("dlen applies to CAN-FD only: add ',fd' to bus 'socketcan:" + argument + "'");
     }
-    return spec;
+    return choice;
 }
 
 std::unique_ptr<OCP> open_socketcan(const std::string& argument) {
-    const SocketCanSpec spec = socketcan_spec_of(argument);
+    const SocketCanChoice choice = socketcan_choice_of(argument);
     SocketCanBusOptions options;
-    options.fd = spec.fd;
-    options.fd_data_length = spec.fd_data_length;
-    return std::make_unique<SocketCanBus>(spec.interface, options);
+    options.fd = choice.fd;
+    options.fd_data_length = choice.fd_data_length;
+    return std::make_unique<SocketCanBus>(choice.interface, options);
 }
 
 struct SchemeEntry {
@@ -132,21 +132,21 @@ std::vector<BusScheme> bus_schemes() {
     return schemes;
 }
 
-std::unique_ptr<OCP> open_bus(const std::string& spec) {
-    const std::size_t colon = spec.find(':');
-    const std::string name = spec.substr(0, colon);
-    const std::string argument = colon == std::string::npos ? "" : spec.substr(colon + 1);
+std::unique_ptr<OCP> open_bus(const std::string& bus) {
+    const std::size_t colon = bus.find(':');
+    const std::string name = bus.substr(0, colon);
+    const std::string argument = colon == std::string::npos ? "" : bus.substr(colon + 1);
     for (const SchemeEntry& entry : scheme_table()) {
         if (entry.scheme.name == name) return entry.open(argument);
     }
-    throw std::invalid_argument("unknown bus '" + spec + "' (known: " + known_schemes() + ")");
+    throw std::invalid_argument("unknown bus '" + bus + "' (known: " + known_schemes() + ")");
 }
 
-SocketCanSpec parse_socketcan_spec(const std::string& spec) {
+SocketCanChoice parse_socketcan_bus(const std::string& bus) {
     constexpr std::string_view PREFIX = "socketcan:";
-    if (spec.rfind(PREFIX.data(), 0) != 0)
-        throw std::invalid_argument("bus '" + spec + "' is not a CAN interface (expected socketcan:IF[,fd][,dlen=N])");
-    return socketcan_spec_of(spec.substr(PREFIX.size()));
+    if (bus.rfind(PREFIX.data(), 0) != 0)
+        throw std::invalid_argument("bus '" + bus + "' is not a CAN interface (expected socketcan:IF[,fd][,dlen=N])");
+    return socketcan_choice_of(bus.substr(PREFIX.size()));
 }
 
 }  // namespace ocp_api

@@ -209,11 +209,11 @@ const char* state_text(ocp_api::CanLinkState state) {
 }
 
 // Watches a live interface until Ctrl-C or SIGTERM; sends nothing.
-int dump_live(const ocp_api::SocketCanSpec& spec, bool json) {
+int dump_live(const ocp_api::SocketCanChoice& choice, bool json) {
     StopSignal stop;
     ocp_api::SocketCanLinkOptions options;
-    options.fd = spec.fd;
-    ocp_api::SocketCanLink link(spec.interface, options);
+    options.fd = choice.fd;
+    ocp_api::SocketCanLink link(choice.interface, options);
     Dump dump(json);
     while (!stop.raised()) {
         const ocp_api::CanLinkEvent event = link.receive(std::chrono::milliseconds(50));
@@ -221,12 +221,12 @@ int dump_live(const ocp_api::SocketCanSpec& spec, bool json) {
             LoggedFrame logged;
             logged.timestamp = std::chrono::duration_cast<std::chrono::microseconds>(
                 std::chrono::system_clock::now().time_since_epoch());
-            logged.interface = spec.interface;
+            logged.interface = choice.interface;
             logged.frame = event.frame;
             dump.frame(logged);
             std::fflush(stdout);
         } else if (event.type == ocp_api::CanLinkEvent::Type::state) {
-            std::fprintf(stderr, "ocpctl: %s is %s\n", spec.interface.c_str(), state_text(event.state));
+            std::fprintf(stderr, "ocpctl: %s is %s\n", choice.interface.c_str(), state_text(event.state));
         }
     }
     dump.finish();
@@ -239,7 +239,7 @@ int run_dump(const DumpOptions& options, const GlobalOptions& global) {
             throw UsageError("dump needs --log FILE (a candump -L recording, - for standard input) or --bus "
                              "socketcan:IF; bus '" + global.bus + "' carries no CAN frames to watch");
         try {
-            return dump_live(ocp_api::parse_socketcan_spec(global.bus), options.json);
+            return dump_live(ocp_api::parse_socketcan_bus(global.bus), options.json);
         } catch (const std::invalid_argument& error) {
             throw UsageError(error.what());
         }

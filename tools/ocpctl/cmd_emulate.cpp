@@ -95,9 +95,9 @@ std::vector<int> addresses_of(const std::vector<std::string>& texts) {
     return addresses;
 }
 
-ocp_api::SocketCanSpec interface_of(const std::string& bus) {
+ocp_api::SocketCanChoice interface_of(const std::string& bus) {
     try {
-        return ocp_api::parse_socketcan_spec(bus);
+        return ocp_api::parse_socketcan_bus(bus);
     } catch (const std::invalid_argument& error) {
         throw UsageError(std::string(error.what()) + "; emulate needs --bus socketcan:IF, e.g. socketcan:vcan0");
     }
@@ -109,29 +109,29 @@ void print_command(int address, const std::vector<uint8_t>& command) {
 }
 
 int run_emulate(const EmulateOptions& options, const GlobalOptions& global) {
-    const ocp_api::SocketCanSpec spec = interface_of(global.bus);
+    const ocp_api::SocketCanChoice choice = interface_of(global.bus);
     const std::vector<int> addresses = addresses_of(options.addresses);
     const uint16_t model = model_code_of(options.model);
     const uint16_t firmware = firmware_word_of(options.firmware);
 
     ocp_api::SocketCanLinkOptions link_options;
-    link_options.fd = spec.fd;
+    link_options.fd = choice.fd;
     link_options.filters = {ocp_api::mapped_frames_filter(ocp_api::can::Direction::to_device)};
     ocp_api::CanDeviceHostOptions host_options;
-    host_options.isotp.fd = spec.fd;
-    host_options.isotp.fd_data_length = spec.fd_data_length;
+    host_options.isotp.fd = choice.fd;
+    host_options.isotp.fd_data_length = choice.fd_data_length;
     // The handlers are in place before any device answers: a signal at any
     // moment from here on ends the run through the loop below.
     StopSignal stop;
     HangupSignal hangup;
-    ocp_api::CanDeviceHost host(std::make_unique<ocp_api::SocketCanLink>(spec.interface, link_options),
+    ocp_api::CanDeviceHost host(std::make_unique<ocp_api::SocketCanLink>(choice.interface, link_options),
                                 host_options);
     std::vector<ocp_api::EmulatedActuator*> devices;
     for (const int address : addresses) devices.push_back(&host.add_actuator(address, model, firmware));
     if (options.verbose) host.set_command_observer(print_command);
 
     std::fprintf(stderr, "ocpctl: emulating %zu %s %s on %s; Ctrl-C or SIGTERM stops, SIGHUP power-cycles\n",
-                 devices.size(), ocp_api::MODEL_NAME_TABLE[model], options.firmware.c_str(), spec.interface.c_str());
+                 devices.size(), ocp_api::MODEL_NAME_TABLE[model], options.firmware.c_str(), choice.interface.c_str());
     while (!stop.raised()) {
         stop.sleep_for(std::chrono::milliseconds(50));
         while (hangup.take()) {

@@ -210,10 +210,10 @@ CanLinkEvent SocketCanLink::receive(std::chrono::nanoseconds timeout) {
         if (reported_state_ == CanLinkState::down) {
             wait = std::min<std::chrono::nanoseconds>(wait, options_.recovery_interval);
         }
-        const timespec wait_spec{static_cast<time_t>(wait.count() / 1000000000),
+        const timespec wait_time{static_cast<time_t>(wait.count() / 1000000000),
                                  static_cast<long>(wait.count() % 1000000000)};
         pollfd fds[2] = {{socket_.get(), POLLIN, 0}, {wake_.get(), POLLIN, 0}};
-        const int ready = ::ppoll(fds, 2, &wait_spec, nullptr);
+        const int ready = ::ppoll(fds, 2, &wait_time, nullptr);
         if (ready < 0 && errno != EINTR) return {};
         if (ready > 0 && (fds[1].revents & POLLIN)) {
             uint64_t count = 0;
