@@ -12,6 +12,7 @@
 #include "ocp_api/sim_bus.hpp"
 #include "ocp_api/version.hpp"
 #include "support/eventually.hpp"
+#include "support/scan_expectations.hpp"
 #include "support/stream_capture.hpp"
 
 namespace {
@@ -50,24 +51,7 @@ TEST(SimBusIntegration, ScanFindsExactlyTheEmulatedDevices) {
     SimBus bus;
     bus.add_actuator(0x21, 3, 0x0842);
     bus.add_actuator(0x23, 6, 0x0843);
-    StreamCapture out(std::cout);
-    StreamCapture err(std::cerr);
-    std::vector<int> found;
-    std::string adapter_model, adapter_firmware;
-    {
-        OrreryActuatorScanner scanner(bus);
-        EXPECT_TRUE(scanner.is_connected());
-        adapter_model = scanner.get_model_name();
-        adapter_firmware = scanner.get_firmware_version();
-        found = scanner.scan(0x1E, 0x25);
-    }
-    EXPECT_EQ(adapter_model, "CAN_ADAPTER");
-    EXPECT_EQ(adapter_firmware, VERSION_TEXT);
-    EXPECT_EQ(found, (std::vector<int>{0x21, 0x23}));
-    EXPECT_EQ(out.text(),
-              "Device found: address 0x21 (33)\tmodel HERON_A\tfirmware 1.1.2\n"
-              "Device found: address 0x23 (35)\tmodel HERON_C\tfirmware 1.1.3\n");
-    EXPECT_EQ(err.text(), "");
+    ocp_test::expect_scan_finds_0x21_and_0x23(bus);
 }
 
 TEST(SimBusIntegration, StreamingAtOneKilohertzForOneSimulatedSecond) {

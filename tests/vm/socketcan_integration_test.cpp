@@ -29,6 +29,7 @@
 #include "ocp_api/socketcan_link.hpp"
 #include "ocp_api/version.hpp"
 #include "support/eventually.hpp"
+#include "support/scan_expectations.hpp"
 #include "support/stream_capture.hpp"
 #include "vm/guest.hpp"
 
@@ -185,21 +186,7 @@ TEST_P(SocketCanIntegration, ConnectAndScanFindExactlyTheEmulatedDevices) {
         EXPECT_EQ(joint.get_firmware_version(), "1.1.2");
     }
 
-    StreamCapture out(std::cout);
-    std::vector<int> found;
-    std::string adapter_model;
-    {
-        OrreryActuatorScanner scanner(*bus);
-        EXPECT_TRUE(scanner.is_connected());
-        adapter_model = scanner.get_model_name();
-        EXPECT_EQ(scanner.get_firmware_version(), VERSION_TEXT);
-        found = scanner.scan(0x1E, 0x25);
-    }
-    EXPECT_EQ(adapter_model, "CAN_ADAPTER");
-    EXPECT_EQ(found, (std::vector<int>{0x21, 0x23}));
-    EXPECT_EQ(out.text(),
-              "Device found: address 0x21 (33)\tmodel HERON_A\tfirmware 1.1.2\n"
-              "Device found: address 0x23 (35)\tmodel HERON_C\tfirmware 1.1.3\n");
+    ocp_test::expect_scan_finds_0x21_and_0x23(*bus);
 }
 
 TEST_P(SocketCanIntegration, FeedbackAtOneKilohertzForOneSecond) {

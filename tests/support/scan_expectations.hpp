@@ -1,0 +1,41 @@
+// One check of the scanner, shared by every transport's integration tests: on
+// a bus where emulated devices answer at 0x21 (HERON_A, 1.1.2) and 0x23
+// (HERON_C, 1.1.3), the adapter at address 0 is found and a scan of
+// 0x1E..0x25 prints and returns exactly those two.
+#pragma once
+
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "ocp_api/ocp.hpp"
+#include "ocp_api/orrery_actuator.hpp"
+#include "ocp_api/version.hpp"
+#include "support/stream_capture.hpp"
+
+namespace ocp_test {
+
+inline void expect_scan_finds_0x21_and_0x23(ocp_api::OCP& bus) {
+    StreamCapture out(std::cout);
+    StreamCapture err(std::cerr);
+    std::vector<int> found;
+    std::string adapter_model, adapter_firmware;
+    {
+        ocp_api::OrreryActuatorScanner scanner(bus);
+        EXPECT_TRUE(scanner.is_connected());
+        adapter_model = scanner.get_model_name();
+        adapter_firmware = scanner.get_firmware_version();
+        found = scanner.scan(0x1E, 0x25);
+    }
+    EXPECT_EQ(adapter_model, "CAN_ADAPTER");
+    EXPECT_EQ(adapter_firmware, ocp_api::VERSION_TEXT);
+    EXPECT_EQ(found, (std::vector<int>{0x21, 0x23}));
+    EXPECT_EQ(out.text(),
+              "Device found: address 0x21 (33)\tmodel HERON_A\tfirmware 1.1.2\n"
+              "Device found: address 0x23 (35)\tmodel HERON_C\tfirmware 1.1.3\n");
+    EXPECT_EQ(err.text(), "");
+}
+
+}  // namespace ocp_test
