@@ -56,14 +56,17 @@ public:
     // Gives up every message queued or half-sent (counted as dropped).
     void abandon_sending();
     NodeCounters counters() const;
-    Role role() const { return role_; }
-    const IsoTpOptions& options() const { return options_; }
 
 private:
     using ReceiverKey = std::pair<int, int>;  // address, kind
 
     IsoTpSender& sender_for(int address);
     IsoTpReceiver& receiver_for(int address, int kind);
+    // Senders and receivers exist only while a message is on its way: a scan
+    // of the whole address range must not leave thousands of idle ones to
+    // walk on every frame. Their counts live on in retired_.
+    void retire_sender_if_idle(int address);
+    void retire_receiver_if_idle(const ReceiverKey& key);
     Direction incoming() const;
     Direction outgoing() const;
 
@@ -72,6 +75,7 @@ private:
     const AddressFilter serves_;
     std::map<int, IsoTpSender> senders_;
     std::map<ReceiverKey, IsoTpReceiver> receivers_;
+    IsoTpCounters retired_;  // of senders and receivers that finished
     uint64_t frames_in_ = 0;
     uint64_t foreign_frames_ = 0;
 };

@@ -78,7 +78,6 @@ public:
     std::optional<IsoTpTime> deadline() const;
 
     bool idle() const;
-    std::size_t queued() const { return queue_.size(); }
     // Drops everything queued and in progress (counted as dropped).
     void abandon();
     const IsoTpCounters& counters() const { return counters_; }

@@ -20,7 +20,6 @@ public:
     int64_t step_at(Clock::time_point now) const;
     // The first wall instant at which step_at() reaches `step`.
     Clock::time_point time_of_step(int64_t step) const;
-    double time_scale() const { return time_scale_; }
 
 private:
     Clock::time_point epoch_;
