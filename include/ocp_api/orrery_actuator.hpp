@@ -150,8 +150,11 @@ protected:
             pending_.swap(function);
             changed_ = true;
         }
-        std::shared_ptr<const Function> current() {
+        // Hands the function it replaces to `retired`, so that the caller
+        // destroys it after releasing the lock, never under it.
+        std::shared_ptr<const Function> current(std::shared_ptr<const Function>& retired) {
             if (changed_) {
+                retired = std::move(active_);
                 active_ = pending_ ? std::make_shared<const Function>(std::move(pending_)) : nullptr;
                 pending_ = nullptr;
                 changed_ = false;

@@ -54,7 +54,11 @@ std::vector<std::string> OrreryActuatorVirtual::discover_available_actuators(con
         // unreadable or vanished directory, memory running short) ends the
         // scan quietly with what was found so far.
     }
-    return std::vector<std::string>(names.begin(), names.end());
+    try {
+        return std::vector<std::string>(names.begin(), names.end());
+    } catch (...) {
+        return {};  // no memory left even for the answer
+    }
 }
 
 int64_t OrreryActuatorVirtual::set_actuator(const std::string& model_name, const std::string& path,

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <sstream>
 
@@ -168,7 +169,21 @@ TEST(CandumpLog, MutatedLinesNeverCrash) {
         if (logged) {
             ++accepted;
             EXPECT_LE(logged->frame.len, CanFrame::MAX_DATA);
-            EXPECT_TRUE(parse_candump_line(format_candump_line(*logged)).has_value()) << line;
+            const auto back = parse_candump_line(format_candump_line(*logged));
+            ASSERT_TRUE(back.has_value()) << line;
+            EXPECT_EQ(back->timestamp, logged->timestamp) << line;
+            EXPECT_EQ(back->interface, logged->interface) << line;
+            EXPECT_EQ(back->type, logged->type) << line;
+            EXPECT_EQ(back->frame.id, logged->frame.id) << line;
+            EXPECT_EQ(back->frame.extended, logged->frame.extended) << line;
+            EXPECT_EQ(back->frame.fd, logged->frame.fd) << line;
+            EXPECT_EQ(back->frame.brs, logged->frame.brs) << line;
+            EXPECT_EQ(back->frame.len, logged->frame.len) << line;
+            if (logged->type != LoggedFrame::Type::remote) {
+                EXPECT_TRUE(std::equal(logged->frame.data.begin(), logged->frame.data.begin() + logged->frame.len,
+                                       back->frame.data.begin()))
+                    << line;
+            }
         } else {
             EXPECT_FALSE(problem.empty()) << line;
         }

@@ -120,6 +120,7 @@ TEST_F(ActuatorLifecycle, DestructionSendsStopAndRemovesTheCallback) {
 TEST_F(ActuatorLifecycle, CallbackSettersDoNotThrowWhenMemoryIsShort) {
     OrreryActuator actuator(transport, 0x21);
     int feedback_calls = 0;
+    int last_feedback_calls = 0;
     int error_calls = 0;
     OrreryActuator::FeedbackCallback on_feedback = [&](int, OrreryActuator::FeedbackMap) { ++feedback_calls; };
     OrreryActuator::ErrorCallback on_error = [&](int, OrreryActuator::ErrorMap) { ++error_calls; };
@@ -130,12 +131,14 @@ TEST_F(ActuatorLifecycle, CallbackSettersDoNotThrowWhenMemoryIsShort) {
         EXPECT_NO_THROW(actuator.set_feedback_callback(std::move(on_feedback)));
         EXPECT_NO_THROW(actuator.set_error_callback(std::move(on_error)));
         EXPECT_NO_THROW(actuator.set_feedback_callback(nullptr));
-        EXPECT_NO_THROW(actuator.set_feedback_callback([&](int, OrreryActuator::FeedbackMap) { ++feedback_calls; }));
+        EXPECT_NO_THROW(
+            actuator.set_feedback_callback([&](int, OrreryActuator::FeedbackMap) { ++last_feedback_calls; }));
     }
     // Both callbacks were installed, the last one set wins.
     transport.deliver(0x21, Bytes{0x41} + f32(1.0f), 0);
     transport.deliver(0x21, error_reply(1u << 0));
-    EXPECT_EQ(feedback_calls, 1);
+    EXPECT_EQ(last_feedback_calls, 1);
+    EXPECT_EQ(feedback_calls, 0);
     EXPECT_EQ(error_calls, 1);
 }
 

@@ -138,6 +138,18 @@ TEST_P(CanBusIntegration, AnAddressChangeSurvivesAPowerCycleOnlyWhenSaved) {
     EXPECT_TRUE(moved.connect(1.0f));
     OrreryActuator old_address(bus, 0x21);
     EXPECT_FALSE(old_address.connect(0.05f));
+
+
+    // A change that is not saved is gone after the next power cycle.
+    moved.changeAddress(0x31);
+    {
+        OrreryActuator unsaved(bus, 0x31);
+        ASSERT_TRUE(unsaved.connect(1.0f));
+        devices.actuator(0x31).power_cycle();
+        EXPECT_FALSE(unsaved.connect(0.05f));
+    }
+    OrreryActuator saved_address(bus, 0x30);
+    EXPECT_TRUE(saved_address.connect(1.0f));
 }
 
 INSTANTIATE_TEST_SUITE_P(ClassicAndFd, CanBusIntegration, ::testing::Values(false, true),

@@ -11,11 +11,7 @@
 
 namespace ocp_fuzz {
 
-inline bool is_parameter_code(uint8_t code) {
-    for (const auto parameter : ocp_api::PhysicalIdentifiers::ALL_PARAMETERS)
-        if (static_cast<uint8_t>(parameter) == code) return true;
-    return false;
-}
+inline bool is_parameter_code(uint8_t code) { return !ocp_api::parameter_code_name(code).empty(); }
 
 // A device reply: one ping, error or parameters answer, or any number of item
 // records (none for a GET_ITEMS that named no known item).
