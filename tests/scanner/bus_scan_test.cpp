@@ -265,9 +265,11 @@ TEST(BusScan, ReportsProgressOnTheCallingThreadEndingWithTheTotals) {
     scan_bus(transport, 0x10, 0x19, options);
     EXPECT_TRUE(always_on_calling_thread);
     ASSERT_GE(reports.size(), 2u);
-    const ScanProgress& end_of_first = *std::find_if(reports.begin(), reports.end(), [](const ScanProgress& p) {
+    const auto end_of_first_report = std::find_if(reports.begin(), reports.end(), [](const ScanProgress& p) {
         return p.pass == 1 && p.probed == p.to_probe;
     });
+    ASSERT_NE(end_of_first_report, reports.end()) << "pass 1 reports its end";
+    const ScanProgress& end_of_first = *end_of_first_report;
     EXPECT_EQ(end_of_first.to_probe, 10u);
     EXPECT_EQ(end_of_first.found, 2u);
     EXPECT_EQ(reports.back().pass, 2);

@@ -10,11 +10,13 @@ CanBusOptions bus_options(const SocketCanBusOptions& options) {
     CanBusOptions bus = options.bus;
     bus.isotp.fd = options.fd;
     bus.isotp.fd_data_length = options.fd_data_length;
-    can::validate(bus.isotp);  // before the interface is opened
     return bus;
 }
 
 std::unique_ptr<CanLink> open_link(const std::string& interface, const SocketCanBusOptions& options) {
+    // Bad options are reported before the interface is opened, whichever of
+    // the constructor's arguments the compiler evaluates first.
+    can::validate(bus_options(options).isotp);
     SocketCanLinkOptions link;
     link.fd = options.fd;
     link.filters = {mapped_frames_filter(can::Direction::to_host)};

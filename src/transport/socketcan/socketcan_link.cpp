@@ -17,6 +17,8 @@
 #include <system_error>
 #include <utility>
 
+#include "ocp_api/isotp.hpp"
+
 namespace ocp_api {
 
 namespace {
@@ -33,14 +35,7 @@ ifreq request_for(const std::string& interface) {
     return request;
 }
 
-bool valid_length(uint8_t len, bool fd) {
-    if (len <= 8) return true;
-    if (!fd) return false;
-    switch (len) {
-        case 12: case 16: case 20: case 24: case 32: case 48: case 64: return true;
-        default: return false;
-    }
-}
+bool valid_length(uint8_t len, bool fd) { return len <= 8 || (fd && can::fd_frame_length(len) == len); }
 
 // The state an error frame announces, if it announces one.
 bool state_from_error_frame(const can_frame& frame, CanLinkState& state) {
