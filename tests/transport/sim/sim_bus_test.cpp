@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <mutex>
 #include <string>
 #include <condition_variable>
 #include <thread>
@@ -18,8 +19,6 @@ namespace {
 
 using namespace ocp_api;
 using namespace ocp_test;
-
-// Waits, with a generous bound, until `done` holds.
 
 TEST(SimBus, AddActuatorRejectsInvalidAndTakenAddresses) {
     SimBus bus;
@@ -255,10 +254,21 @@ TEST(SimBus, CloseFromInsideACallbackDoesNotDeadlock) {
 }
 
 TEST(SimBus, NoCallbackRunsAfterCloseReturnedInsideACallback) {
-    // Devices streaming at one rate answer in the same pass of the worker, so
-    // the first callback closes the bus while the others are already due.
+    // The worker is held inside the adapter's callback while every device is
+    // pinged, so its next pass handles all the pings at once and their replies
+    // fall due together: the first of them closes the bus with the others due.
     constexpr int DEVICES = 8;
     SimBus bus(SimBusOptions{1.0, std::chrono::microseconds(0)});
+    std::mutex gate_mutex;
+    std::condition_variable gate;
+    bool worker_held = false;
+    bool worker_released = false;
+    bus.setCallback(wire::ADAPTER_ADDRESS, [&](int, Bytes, int) {
+        std::unique_lock<std::mutex> lock(gate_mutex);
+        worker_held = true;
+        gate.notify_all();
+        gate.wait(lock, [&] { return worker_released; });
+    });
     std::atomic<int> calls{0};
     std::atomic<bool> close_returned{false};
     std::atomic<int> calls_after_close{0};
@@ -272,7 +282,18 @@ TEST(SimBus, NoCallbackRunsAfterCloseReturnedInsideACallback) {
             }
         });
     }
-    for (int address = 0x21; address < 0x21 + DEVICES; ++address) bus.send(address, feedback_rate_frame(100));
+    const Bytes ping{static_cast<uint8_t>(wire::Command::PING)};
+    ASSERT_TRUE(bus.send(wire::ADAPTER_ADDRESS, ping));
+    {
+        std::unique_lock<std::mutex> lock(gate_mutex);
+        ASSERT_TRUE(gate.wait_for(lock, std::chrono::seconds(30), [&] { return worker_held; }));
+    }
+    for (int address = 0x21; address < 0x21 + DEVICES; ++address) ASSERT_TRUE(bus.send(address, ping));
+    {
+        std::lock_guard<std::mutex> lock(gate_mutex);
+        worker_released = true;
+    }
+    gate.notify_all();
     ASSERT_TRUE(eventually([&] { return close_returned.load(); }));
     ASSERT_TRUE(eventually([&] {
         const auto c = bus.counters();
@@ -280,7 +301,10 @@ TEST(SimBus, NoCallbackRunsAfterCloseReturnedInsideACallback) {
     }));
     EXPECT_EQ(calls_after_close.load(), 0);
     EXPECT_EQ(calls.load(), 1);
-    EXPECT_GE(bus.counters().replies_discarded, static_cast<uint64_t>(DEVICES - 1));
+    const auto c = bus.counters();
+    EXPECT_EQ(c.replies_sent, static_cast<uint64_t>(DEVICES + 1));
+    EXPECT_EQ(c.replies_delivered, 2u);  // the adapter's and the closing one
+    EXPECT_EQ(c.replies_discarded, static_cast<uint64_t>(DEVICES - 1));
 }
 
 TEST(SimBus, NoCallbackRunsAfterCloseReturnedOnAnotherThread) {
