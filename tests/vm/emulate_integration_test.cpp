@@ -122,23 +122,28 @@ TEST_P(EmulateIntegration, MoveDrivesThePhysicsAndStreamDeliversEveryRow) {
     EXPECT_LE(rows, 1050);
 }
 
-// The 5 s bound of the whole range holds on the simulated bus (see
-// bus_scan_integration_test and bus_scan_bench); a guest without hardware
-// virtualisation runs many times slower, so here the time is recorded, and
-// what must hold is that every emulated device is found, once. A starved
-// guest can answer after the 50 ms period, so silent addresses get two more
-// pings.
-TEST_P(EmulateIntegration, FastScanOfTheWholeRangeFindsEveryEmulatedDevice) {
+// One pass at the default rate and answer period finds every device of the
+// whole range, and the command (process start included) ends within 5 s. The
+// pacing alone takes 3.3 s, so a guest the host starves of CPU for a moment
+// can miss the bound: of up to three scans, each must find exactly the
+// emulated set and the fastest must end within 5 s.
+TEST_P(EmulateIntegration, FastScanOfTheWholeRangeFindsEveryEmulatedDeviceWithinFiveSeconds) {
     start_emulator("0x10,0x21,0x1234,0x3ffe");
-    const auto start = std::chrono::steady_clock::now();
-    const Invocation scan = ocpctl({"scan", "--fast", "--attempts", "3", "--json"}, 600s);
-    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
-    RecordProperty("whole_range_scan_seconds", std::to_string(elapsed.count()));
-    std::fprintf(stderr, "whole range scanned in %.1f s\n", elapsed.count());
-    ASSERT_EQ(scan.status, 0);
-    for (const char* address : {"\"0x10\"", "\"0x21\"", "\"0x1234\"", "\"0x3ffe\""})
-        EXPECT_NE(scan.out.find(address), std::string::npos) << address;
-    EXPECT_EQ(std::count(scan.out.begin(), scan.out.end(), '{'), 5) << "the result and four devices";
+    constexpr double BOUND_SECONDS = 5.0;
+    double fastest = 1e9;
+    for (int scan_number = 1; scan_number <= 3 && fastest > BOUND_SECONDS; ++scan_number) {
+        const auto start = std::chrono::steady_clock::now();
+        const Invocation scan = ocpctl({"scan", "--fast", "--json"}, 120s);
+        const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+        std::fprintf(stderr, "whole range scanned in %.2f s\n", elapsed.count());
+        fastest = std::min(fastest, elapsed.count());
+        ASSERT_EQ(scan.status, 0);
+        for (const char* address : {"\"0x10\"", "\"0x21\"", "\"0x1234\"", "\"0x3ffe\""})
+            EXPECT_NE(scan.out.find(address), std::string::npos) << address << " in scan " << scan_number;
+        EXPECT_EQ(std::count(scan.out.begin(), scan.out.end(), '{'), 5) << "the result and four devices";
+    }
+    RecordProperty("whole_range_scan_seconds", std::to_string(fastest));
+    EXPECT_LE(fastest, BOUND_SECONDS);
 }
 
 TEST_P(EmulateIntegration, DumpOfACandumpRecordingDecodesEveryMessage) {
