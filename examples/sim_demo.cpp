@@ -41,7 +41,13 @@ void print_table_row(double t, const std::vector<std::unique_ptr<OrreryActuator>
 
 int run_sim_demo() {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
-    ocp_api::SimBus bus;
+    // The devices answer 20 ms after a frame, like a device behind a busy
+    // adapter. The scanner misses a reply that arrives before it has cleared
+    // its flag after sending, which a quicker device could do to a demo
+    // running on a loaded machine.
+    ocp_api::SimBusOptions options;
+    options.reply_latency = std::chrono::milliseconds(20);
+    ocp_api::SimBus bus(options);
     bus.add_actuator(0x21, 3, 0x0842);  // HERON_A
     bus.add_actuator(0x22, 2, 0x0903);  // KESTREL_B
     bus.add_actuator(0x23, 6, 0x1001);  // HERON_C

@@ -103,7 +103,7 @@ def test_streamed_feedback_over_python_can(channel, devices):
 
 
 class SlowToAnswer:
-    """A python-can bus whose replies leave 5 ms late, as from a busy device.
+    """A python-can bus whose replies leave 20 ms late, as from a busy device.
 
     The scanner does not count a reply that beats its return from send(); on
     a loaded machine (or under a sanitizer) an emulated device on the same
@@ -113,7 +113,7 @@ class SlowToAnswer:
         self.bus = bus
 
     def send(self, message, timeout=None):
-        time.sleep(0.005)
+        time.sleep(0.02)
         self.bus.send(message, timeout)
 
     def recv(self, timeout=None):

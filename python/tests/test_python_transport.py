@@ -99,8 +99,8 @@ def test_transport_with_its_own_python_receive_thread():
 def test_actuator_keeps_its_python_transport_alive():
     # The scanner does not count a reply that beats its return from send(),
     # and a send through Python takes a while under a sanitizer: the bus
-    # answers after 5 ms here.
-    sim_bus = ocp_api.SimBus(ocp_api.SimBusOptions(reply_latency=0.005))
+    # answers after 20 ms here.
+    sim_bus = ocp_api.SimBus(ocp_api.SimBusOptions(reply_latency=0.02))
     sim_bus.add_actuator(0x21)
     joint = Actuator(ForwardingTransport(sim_bus), 0x21)
     gc.collect()

@@ -27,9 +27,9 @@ def test_connect_reads_model_and_firmware(sim_bus):
 
 
 def test_scanner_finds_the_emulated_actuators(capfd):
-    # Replies 5 ms late: the scanner does not count one that beats its return
+    # Replies 20 ms late: the scanner does not count one that beats its return
     # from send(), which a preempted test thread could otherwise see.
-    sim_bus = ocp_api.SimBus(ocp_api.SimBusOptions(reply_latency=0.005))
+    sim_bus = ocp_api.SimBus(ocp_api.SimBusOptions(reply_latency=0.02))
     sim_bus.add_actuator(0x21)
     sim_bus.add_actuator(0x23, 6, 0x1001)
     scanner = ocp_api.OrreryActuatorScanner(sim_bus)

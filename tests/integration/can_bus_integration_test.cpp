@@ -51,8 +51,11 @@ TEST_P(CanBusIntegration, ConnectReportsModelAndFirmware) {
 }
 
 TEST_P(CanBusIntegration, ScanFindsExactlyTheEmulatedDevices) {
-    devices.add_actuator(0x21, 3, 0x0842);
-    devices.add_actuator(0x23, 6, 0x0843);
+    CanDeviceHostOptions options{segmentation(fd())};
+    options.reply_latency = ocp_test::SCAN_REPLY_LATENCY;
+    CanDeviceHost slow_devices(channel.open(fd()), options);
+    slow_devices.add_actuator(0x21, 3, 0x0842);
+    slow_devices.add_actuator(0x23, 6, 0x0843);
     ocp_test::expect_scan_finds_0x21_and_0x23(bus);
 }
 

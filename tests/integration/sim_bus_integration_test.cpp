@@ -48,7 +48,7 @@ TEST(SimBusIntegration, ConnectReportsModelAndFirmware) {
 }
 
 TEST(SimBusIntegration, ScanFindsExactlyTheEmulatedDevices) {
-    SimBus bus;
+    SimBus bus(SimBusOptions{1.0, ocp_test::SCAN_REPLY_LATENCY});
     bus.add_actuator(0x21, 3, 0x0842);
     bus.add_actuator(0x23, 6, 0x0843);
     ocp_test::expect_scan_finds_0x21_and_0x23(bus);

@@ -4,6 +4,7 @@
 // 0x1E..0x25 prints and returns exactly those two.
 #pragma once
 
+#include <chrono>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -16,6 +17,12 @@
 #include "support/stream_capture.hpp"
 
 namespace ocp_test {
+
+// How late the devices of a scan test answer. The scanner does not count a
+// reply that arrives before it has cleared its flag after send(), so a device
+// quicker than a preempted scanning thread goes unseen; 20 ms leaves as much
+// room on each side of the reply within the 50 ms answer period.
+constexpr std::chrono::microseconds SCAN_REPLY_LATENCY{20000};
 
 inline void expect_scan_finds_0x21_and_0x23(ocp_api::OCP& bus) {
     StreamCapture out(std::cout);

@@ -174,6 +174,7 @@ protected:
 TEST_P(SocketCanIntegration, ConnectAndScanFindExactlyTheEmulatedDevices) {
     CanDeviceHostOptions device_options;
     device_options.isotp.fd = GetParam().fd;
+    device_options.reply_latency = ocp_test::SCAN_REPLY_LATENCY;
     auto devices = std::make_unique<CanDeviceHost>(
         device_link_on(GetParam().interface(), GetParam().fd), device_options);
     devices->add_actuator(0x21, 3, 0x0842);
