@@ -23,6 +23,12 @@ struct CanFrame {
     std::array<uint8_t, MAX_DATA> data{};
 };
 
+// True when a frame may carry `len` data bytes: 0..8, and on CAN-FD also 12,
+// 16, 20, 24, 32, 48 or 64.
+bool is_valid_frame_length(std::size_t len, bool fd);
+// The smallest CAN-FD data length that holds `bytes` (8 for 0..8, 64 at most).
+uint8_t fd_frame_length(std::size_t bytes);
+
 // The state of the controller behind a link, as its error frames or the
 // interface report it.
 enum class CanLinkState : uint8_t {

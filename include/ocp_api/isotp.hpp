@@ -53,8 +53,6 @@ struct IsoTpCounters {
 // The time an STmin code asks for between consecutive frames. Reserved codes
 // (0x80..0xF0, 0xFA..0xFF) mean the longest, 127 ms, as the standard says.
 std::chrono::microseconds st_min_duration(uint8_t code);
-// The smallest valid CAN-FD data length that holds `bytes` (8 for 0..8).
-uint8_t fd_frame_length(std::size_t bytes);
 // The most message bytes a single frame carries with these options (7 or up to 62).
 std::size_t single_frame_capacity(const IsoTpOptions& options);
 // True for a flow control frame, which belongs to the sender on the partner identifier.

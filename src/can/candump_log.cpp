@@ -19,7 +19,6 @@ constexpr std::size_t CLASSIC_MAX_DATA = 8;
 constexpr std::size_t MICROS_DIGITS = 6;
 constexpr std::size_t MAX_FRACTION_DIGITS = 9;
 constexpr std::size_t MAX_SECONDS_DIGITS = 12;
-constexpr std::size_t FD_LENGTHS[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 20, 24, 32, 48, 64};
 
 int hex_digit(char c) {
     if (c >= '0' && c <= '9') return c - '0';
@@ -30,10 +29,6 @@ int hex_digit(char c) {
 
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 bool is_space(char c) { return c == ' ' || c == '\t'; }
-
-bool is_fd_length(std::size_t length) {
-    return std::find(std::begin(FD_LENGTHS), std::end(FD_LENGTHS), length) != std::end(FD_LENGTHS);
-}
 
 // Splits off the next field separated by spaces or tabs.
 std::string_view next_field(std::string_view& rest) {
@@ -142,7 +137,7 @@ bool parse_payload(std::string_view text, LoggedFrame& logged, std::string& prob
         frame.fd = true;
         frame.brs = (hex_digit(text[1]) & FD_FLAG_BRS) != 0;
         if (!parse_data(text.substr(2), CanFrame::MAX_DATA, frame, problem)) return false;
-        if (!is_fd_length(frame.len)) {
+        if (!is_valid_frame_length(frame.len, true)) {
             problem = "CAN-FD frames do not carry " + std::to_string(frame.len) + " data bytes";
             return false;
         }

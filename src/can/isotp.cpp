@@ -27,7 +27,6 @@ constexpr std::size_t FF_ESCAPE_HEADER = 6;    // 0x10 0x00, then a 32-bit lengt
 constexpr std::size_t CF_HEADER = 1;
 constexpr std::size_t FC_LENGTH = 3;
 constexpr uint8_t SEQUENCE_MASK = 0x0F;
-constexpr std::array<uint8_t, 8> FD_LENGTHS{8, 12, 16, 20, 24, 32, 48, 64};
 
 constexpr uint8_t ST_MIN_LONGEST_MS = 0x7F;
 constexpr uint8_t ST_MIN_FIRST_US_CODE = 0xF1;
@@ -41,10 +40,6 @@ uint8_t low_nibble(uint8_t byte) { return byte & 0x0F; }
 
 std::size_t tx_data_length(const IsoTpOptions& options) {
     return options.fd ? options.fd_data_length : CLASSIC_LENGTH;
-}
-
-bool is_fd_length(std::size_t length) {
-    return std::find(FD_LENGTHS.begin(), FD_LENGTHS.end(), length) != FD_LENGTHS.end();
 }
 
 // A frame on `id` carrying `payload`, filled up with ISOTP_PADDING to 8 bytes
@@ -75,7 +70,7 @@ IsoTpCounters& IsoTpCounters::operator+=(const IsoTpCounters& other) {
 }
 
 void validate(const IsoTpOptions& options) {
-    if (options.fd && !is_fd_length(options.fd_data_length))
+    if (options.fd && (options.fd_data_length < CLASSIC_LENGTH || !is_valid_frame_length(options.fd_data_length, true)))
         throw std::invalid_argument("CAN-FD data length must be 8, 12, 16, 20, 24, 32, 48 or 64, not " +
                                     std::to_string(options.fd_data_length));
     if (options.n_bs.count() <= 0 || options.n_cr.count() <= 0)
@@ -88,13 +83,6 @@ std::chrono::microseconds st_min_duration(uint8_t code) {
     if (code >= ST_MIN_FIRST_US_CODE && code <= ST_MIN_LAST_US_CODE)
         return std::chrono::microseconds(100 * (code - ST_MIN_FIRST_US_CODE + 1));
     return std::chrono::milliseconds(ST_MIN_LONGEST_MS);
-}
-
-uint8_t fd_frame_length(std::size_t bytes) {
-    for (const uint8_t length : FD_LENGTHS) {
-        if (bytes <= length) return length;
-    }
-    return FD_LENGTHS.back();
 }
 
 std::size_t single_frame_capacity(const IsoTpOptions& options) {
@@ -317,7 +305,7 @@ void IsoTpReceiver::on_first_frame(const CanFrame& frame, IsoTpTime now, std::ve
     drop_partial();
     // The first frame fixes the frame length of the message (RX_DL): 8, or a
     // CAN-FD length.
-    if (frame.len < CLASSIC_LENGTH || (frame.len > CLASSIC_LENGTH && !is_fd_length(frame.len))) {
+    if (frame.len < CLASSIC_LENGTH || !is_valid_frame_length(frame.len, frame.fd)) {
         ++counters_.segmentation_errors;
         return;
     }

@@ -2,7 +2,6 @@
 #include "ocp_api/virtual_can.hpp"
 
 #include <algorithm>
-#include <array>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
@@ -11,13 +10,6 @@
 namespace ocp_api {
 
 namespace {
-
-bool is_valid_length(const CanFrame& frame) {
-    static constexpr std::array<uint8_t, 7> LONGER_FD_LENGTHS{12, 16, 20, 24, 32, 48, 64};
-    if (frame.len <= 8) return true;
-    return frame.fd && std::find(LONGER_FD_LENGTHS.begin(), LONGER_FD_LENGTHS.end(), frame.len) !=
-                           LONGER_FD_LENGTHS.end();
-}
 
 bool carries_traffic(CanLinkState state) { return state != CanLinkState::bus_off && state != CanLinkState::down; }
 
@@ -50,7 +42,7 @@ public:
     bool fd() const override { return fd_; }
 
     SendResult send_frame(const CanFrame& frame) override {
-        if ((frame.fd && !fd_) || !is_valid_length(frame)) return SendResult::failed;
+        if ((frame.fd && !fd_) || !is_valid_frame_length(frame.len, frame.fd)) return SendResult::failed;
         std::lock_guard<std::mutex> lock(shared_->mutex);
         if (!carries_traffic(shared_->state)) return SendResult::failed;
         ++shared_->carried;

@@ -80,7 +80,7 @@ SocketCanChoice socketcan_choice_of(const std::string& argument) {
         if (parts[i] == "fd") {
             choice.fd = true;
         } else if (parts[i].rfind("dlen=", 0) == 0 && parse_number(parts[i].substr(5), length) && length >= 8 &&
-                   length <= 64 && can::fd_frame_length(static_cast<std::size_t>(length)) == length) {
+                   is_valid_frame_length(static_cast<std::size_t>(length), true)) {
             choice.fd_data_length = static_cast<uint8_t>(length);
             length_given = true;
         } else {

@@ -290,15 +290,7 @@ TEST(IsoTp, StMinCodes) {
     EXPECT_EQ(st_min_duration(0xFF), 127000us);
 }
 
-TEST(IsoTp, FdFrameLengths) {
-    EXPECT_EQ(fd_frame_length(0), 8);
-    EXPECT_EQ(fd_frame_length(8), 8);
-    EXPECT_EQ(fd_frame_length(9), 12);
-    EXPECT_EQ(fd_frame_length(13), 16);
-    EXPECT_EQ(fd_frame_length(21), 24);
-    EXPECT_EQ(fd_frame_length(25), 32);
-    EXPECT_EQ(fd_frame_length(33), 48);
-    EXPECT_EQ(fd_frame_length(49), 64);
+TEST(IsoTp, SingleFrameCapacities) {
     EXPECT_EQ(single_frame_capacity(IsoTpOptions{}), 7u);
     EXPECT_EQ(single_frame_capacity(fd_options()), 62u);
     EXPECT_EQ(single_frame_capacity(fd_options(8)), 7u);

@@ -35,7 +35,6 @@ ifreq request_for(const std::string& interface) {
     return request;
 }
 
-bool valid_length(uint8_t len, bool fd) { return len <= 8 || (fd && can::fd_frame_length(len) == len); }
 
 // The state an error frame announces, if it announces one.
 bool state_from_error_frame(const can_frame& frame, CanLinkState& state) {
@@ -154,7 +153,7 @@ bool SocketCanLink::interface_is_up() const {
 }
 
 CanLink::SendResult SocketCanLink::send_frame(const CanFrame& frame) {
-    if ((frame.fd && !options_.fd) || !valid_length(frame.len, frame.fd)) return SendResult::failed;
+    if ((frame.fd && !options_.fd) || !is_valid_frame_length(frame.len, frame.fd)) return SendResult::failed;
     canfd_frame raw{};
     raw.can_id = frame.extended ? ((frame.id & CAN_EFF_MASK) | CAN_EFF_FLAG) : (frame.id & CAN_SFF_MASK);
     raw.len = frame.len;
