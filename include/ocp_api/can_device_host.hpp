@@ -21,12 +21,12 @@
 namespace ocp_api {
 
 namespace detail {
-class DeviceClock;
+class DeviceRoster;
 }
 
 struct CanDeviceHostOptions {
     can::IsoTpOptions isotp;                      // `isotp.fd` needs a link that carries CAN-FD
-    double time_scale = 1.0;                      // simulated seconds per wall second
+    double time_scale = 1.0;                      // simulated seconds per wall second, 1e-6..1000
     std::chrono::microseconds busy_retry{2000};   // how long one frame is retried on a busy adapter
     // Between a whole command and the device's answer, 0..1 s. Real firmware
     // takes a little while; a device answering faster than the host can look
@@ -79,25 +79,23 @@ public:
 
 private:
     std::mutex& device_mutex() override { return mutex_; }
-    int64_t device_step() const override { return steps_done_; }
+    int64_t device_step() const override;
     void emit_replies(detail::DeviceReplies& replies) override;
 
     void run();
-    void advance_devices(can::IsoTpTime now, std::vector<CanFrame>& out);
+    bool advance_devices(can::IsoTpTime now, std::vector<CanFrame>& out);
     void handle_command(const can::ReceivedMessage& message, can::IsoTpTime now, std::vector<CanFrame>& out);
     void queue_replies(detail::DeviceReplies& replies, can::IsoTpTime now, std::vector<CanFrame>& out);
     void release_due_answers(can::IsoTpTime now, std::vector<CanFrame>& out);
     void transmit(const std::vector<CanFrame>& frames);
     can::IsoTpTime next_wake(can::IsoTpTime now) const;
-    EmulatedActuator* device_at(int address) const;
 
     const CanDeviceHostOptions options_;
     const std::unique_ptr<CanLink> link_;
-    const std::unique_ptr<detail::DeviceClock> clock_;
 
     mutable std::mutex mutex_;  // guards everything below; frames are sent under it, in order
+    const std::unique_ptr<detail::DeviceRoster> devices_;
     can::Node node_;
-    std::vector<std::unique_ptr<EmulatedActuator>> devices_;
     // Answers to commands, held back until their reply latency has passed.
     struct DelayedAnswer {
         can::IsoTpTime due;
@@ -106,7 +104,6 @@ private:
     std::deque<DelayedAnswer> delayed_answers_;  // in order of `due`
     std::shared_ptr<CommandObserver> observer_;
     CanDeviceHostCounters counters_;
-    int64_t steps_done_ = 0;
     bool stopping_ = false;
 
     std::thread worker_;  // last: starts after everything above exists

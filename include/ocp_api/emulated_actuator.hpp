@@ -11,10 +11,8 @@
 
 namespace ocp_api {
 
-class SimBus;
-class CanDeviceHost;
-
 namespace detail {
+class DeviceRoster;
 class EmulatedDevice;
 struct DeviceReply;
 using DeviceReplies = std::vector<DeviceReply>;
@@ -77,8 +75,7 @@ public:
     bool is_silent() const;
 
 private:
-    friend class SimBus;
-    friend class CanDeviceHost;
+    friend class detail::DeviceRoster;
     EmulatedActuator(detail::EmulatedDeviceOwner& owner, std::unique_ptr<detail::EmulatedDevice> device);
 
     detail::EmulatedDeviceOwner& owner_;

@@ -94,24 +94,20 @@ private:
     using Clock = std::chrono::steady_clock;
 
     std::mutex& device_mutex() override { return mutex_; }
-    int64_t device_step() const override { return steps_done_; }
+    int64_t device_step() const override;
     void emit_replies(detail::DeviceReplies& replies) override;
 
     void run();
     void deliver(std::vector<Reply>& due);
     void join_worker();
-    int64_t target_step(Clock::time_point now) const;
-    Clock::time_point wall_time_of_step(int64_t step) const;
-    void advance_devices(int64_t target);
+    bool advance_devices(Clock::time_point now);
     void process_inbound(Clock::time_point now);
     void handle_frame(int address, const std::vector<uint8_t>& frame, Clock::time_point now);
     void queue_reply(int address, std::vector<uint8_t> bytes, int kind, Clock::time_point due);
     bool draw_loss();
     Clock::time_point next_wake(Clock::time_point now) const;
-    EmulatedActuator* device_at(int address) const;
 
     const SimBusOptions options_;
-    const Clock::time_point epoch_;
     CallbackRegistry callbacks_;
 
     mutable std::mutex mutex_;  // guards everything below
@@ -120,9 +116,8 @@ private:
     bool closed_ = false;
     std::mt19937 loss_rng_;
     std::unique_ptr<Pending> pending_;
-    std::vector<std::unique_ptr<EmulatedActuator>> devices_;
+    const std::unique_ptr<detail::DeviceRoster> devices_;
     SimBusCounters counters_;
-    int64_t steps_done_ = 0;
     uint64_t reply_sequence_ = 0;
 
     std::atomic<bool> delivering_{true};  // false from close() on: no callback starts

@@ -3,13 +3,10 @@
 #include "ocp_api/can_device_host.hpp"
 
 #include <algorithm>
-#include <cmath>
 #include <sstream>
 #include <stdexcept>
 
-#include "emulation/device_clock.hpp"
-#include "emulation/emulated_device.hpp"
-#include "ocp_api/wire.hpp"
+#include "emulation/device_roster.hpp"
 
 namespace ocp_api {
 
@@ -22,28 +19,30 @@ using Clock = can::IsoTpClock;
 constexpr std::chrono::milliseconds IDLE_WAKE_PERIOD{20};
 constexpr std::chrono::microseconds MAX_REPLY_LATENCY = std::chrono::seconds(1);
 
-std::string hex_address(int address) {
-    std::ostringstream text;
-    text << "0x" << std::hex << address;
-    return text.str();
+const CanDeviceHostOptions& validated(const CanDeviceHostOptions& options) {
+    if (!detail::DeviceClock::is_valid_time_scale(options.time_scale)) {
+        std::ostringstream text;
+        text << "CanDeviceHost time_scale must be between 1e-06 and 1000 (simulated seconds per wall second), not "
+             << options.time_scale;
+        throw std::invalid_argument(text.str());
+    }
+    if (options.reply_latency.count() < 0 || options.reply_latency > MAX_REPLY_LATENCY)
+        throw std::invalid_argument("CanDeviceHost reply_latency must be 0..1 s");
+    return options;
 }
 
 }  // namespace
 
 CanDeviceHost::CanDeviceHost(std::unique_ptr<CanLink> link, CanDeviceHostOptions options)
-    : options_(options),
+    : options_(validated(options)),
       link_(link ? std::move(link) : throw std::invalid_argument("CanDeviceHost needs a CAN link")),
-      clock_(std::make_unique<detail::DeviceClock>(Clock::now(), options.time_scale)),
+      devices_(std::make_unique<detail::DeviceRoster>(Clock::now(), options.time_scale)),
       // Frames go only to devices that would answer now: a silent device,
       // one in its boot loader or one restarting sends no flow control either.
       node_(can::Role::device, options.isotp, [this](int address) {
-          const EmulatedActuator* device = device_at(address);
-          return device != nullptr && device->device_->answering(steps_done_);
+          const detail::EmulatedDevice* device = devices_->device(address);
+          return device != nullptr && device->answering(devices_->steps_done());
       }) {
-    if (!(options_.time_scale > 0.0) || !std::isfinite(options_.time_scale))
-        throw std::invalid_argument("CanDeviceHost time_scale must be a positive number");
-    if (options_.reply_latency.count() < 0 || options_.reply_latency > MAX_REPLY_LATENCY)
-        throw std::invalid_argument("CanDeviceHost reply_latency must be 0..1 s");
     if (options_.isotp.fd && !link_->fd())
         throw std::invalid_argument("CAN-FD asked of a link that carries only classic CAN");
     worker_ = std::thread([this] { run(); });
@@ -65,43 +64,26 @@ void CanDeviceHost::close() {
 }
 
 EmulatedActuator& CanDeviceHost::add_actuator(int address, uint16_t model_code, uint16_t firmware_word) {
-    if (!wire::is_valid_device_address(address))
-        throw std::invalid_argument("Invalid address " + hex_address(address) + " for an emulated actuator: must be "
-                                    "0x10..0x3ffe");
     std::lock_guard<std::mutex> lock(mutex_);
-    if (device_at(address) != nullptr)
-        throw std::invalid_argument("Address " + hex_address(address) + " is already taken on this CAN link");
-    auto device = std::make_unique<detail::EmulatedDevice>(address, model_code, firmware_word, steps_done_);
-    devices_.push_back(std::unique_ptr<EmulatedActuator>(new EmulatedActuator(*this, std::move(device))));
-    return *devices_.back();
+    return devices_->add(*this, address, model_code, firmware_word, "this CAN link");
 }
 
 void CanDeviceHost::remove_actuator(int address) {
     std::lock_guard<std::mutex> lock(mutex_);
-    const auto found = std::find_if(devices_.begin(), devices_.end(),
-                                    [address](const auto& device) { return device->device_->address() == address; });
-    if (found == devices_.end()) throw std::out_of_range("No emulated actuator at " + hex_address(address));
-    devices_.erase(found);
+    devices_->remove(address);
 }
 
 EmulatedActuator& CanDeviceHost::actuator(int address) {
     std::lock_guard<std::mutex> lock(mutex_);
-    EmulatedActuator* found = device_at(address);
-    if (found == nullptr) throw std::out_of_range("No emulated actuator at " + hex_address(address));
-    return *found;
+    return devices_->actuator(address);
 }
 
 std::size_t CanDeviceHost::actuator_count() const {
     std::lock_guard<std::mutex> lock(mutex_);
-    return devices_.size();
+    return devices_->size();
 }
 
-EmulatedActuator* CanDeviceHost::device_at(int address) const {
-    for (const auto& device : devices_) {
-        if (device->device_->address() == address) return device.get();
-    }
-    return nullptr;
-}
+int64_t CanDeviceHost::device_step() const { return devices_->steps_done(); }
 
 void CanDeviceHost::set_command_observer(CommandObserver observer) {
     auto shared = observer ? std::make_shared<CommandObserver>(std::move(observer)) : nullptr;
@@ -150,22 +132,21 @@ void CanDeviceHost::transmit(const std::vector<CanFrame>& frames) {
     }
 }
 
-void CanDeviceHost::advance_devices(can::IsoTpTime now, std::vector<CanFrame>& out) {
-    const int64_t target = clock_->step_at(now);
-    if (target <= steps_done_) return;
+// Returns true while the devices are still behind the wall clock.
+bool CanDeviceHost::advance_devices(can::IsoTpTime now, std::vector<CanFrame>& out) {
     detail::DeviceReplies streamed;
-    for (const auto& device : devices_) device->device_->advance_to(target, streamed);
-    steps_done_ = target;
+    const bool behind = devices_->advance(now, streamed);
     queue_replies(streamed, now, out);
+    return behind;
 }
 
 void CanDeviceHost::handle_command(const can::ReceivedMessage& message, can::IsoTpTime now,
                                    std::vector<CanFrame>& out) {
-    EmulatedActuator* device = device_at(message.address);
+    detail::EmulatedDevice* device = devices_->device(message.address);
     if (device == nullptr) return;  // removed meanwhile
     ++counters_.commands_in;
     detail::DeviceReplies replies;
-    device->device_->handle_frame(message.bytes, steps_done_, replies);
+    device->handle_frame(message.bytes, devices_->steps_done(), replies);
     if (replies.empty()) return;
     if (options_.reply_latency.count() == 0) {
         queue_replies(replies, now, out);
@@ -185,10 +166,7 @@ can::IsoTpTime CanDeviceHost::next_wake(can::IsoTpTime now) const {
     can::IsoTpTime wake = now + IDLE_WAKE_PERIOD;
     if (const auto deadline = node_.deadline()) wake = std::min(wake, *deadline);
     if (!delayed_answers_.empty()) wake = std::min(wake, delayed_answers_.front().due);
-    for (const auto& device : devices_) {
-        const int64_t tick = device->device_->next_stream_step();
-        if (tick != detail::EmulatedDevice::NEVER) wake = std::min(wake, clock_->time_of_step(tick));
-    }
+    if (const auto tick = devices_->next_stream_time()) wake = std::min(wake, *tick);
     return wake;
 }
 
@@ -203,7 +181,7 @@ void CanDeviceHost::run() {
             std::lock_guard<std::mutex> lock(mutex_);
             if (stopping_) return;
             const auto now = Clock::now();
-            advance_devices(now, out);
+            const bool behind = advance_devices(now, out);
             if (event.type == CanLinkEvent::Type::frame) node_.on_frame(event.frame, now, out, commands);
             for (const auto& command : commands) handle_command(command, now, out);
             release_due_answers(now, out);
@@ -211,7 +189,10 @@ void CanDeviceHost::run() {
             transmit(out);
             out.clear();
             observer = observer_;
-            timeout = std::max<std::chrono::nanoseconds>(next_wake(now) - Clock::now(), std::chrono::nanoseconds(0));
+            // Behind the clock, the next pass comes at once; the lock is let
+            // go in between, so the host's other methods are not held up.
+            timeout = behind ? std::chrono::nanoseconds(0)
+                             : std::max<std::chrono::nanoseconds>(next_wake(now) - Clock::now(), std::chrono::nanoseconds(0));
         }
         if (observer) {
             for (const auto& command : commands) (*observer)(command.address, command.bytes);

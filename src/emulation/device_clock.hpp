@@ -13,6 +13,12 @@ public:
     using Clock = std::chrono::steady_clock;
 
     static constexpr double SECONDS_PER_STEP = 1e-4;  // the devices' control period
+    // The time scales a host accepts (simulated seconds per wall second):
+    // beyond them steps are either too rare to follow or too many to compute.
+    static constexpr double MIN_TIME_SCALE = 1e-6;
+    static constexpr double MAX_TIME_SCALE = 1000.0;
+    // False also for NaN.
+    static bool is_valid_time_scale(double scale) { return scale >= MIN_TIME_SCALE && scale <= MAX_TIME_SCALE; }
 
     DeviceClock(Clock::time_point epoch, double time_scale);
 

@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <string>
+
+#include "ocp_api/orrery_actuator_virtual.hpp"
 #include "ocp_api/virtual_can.hpp"
 #include "ocp_api/wire.hpp"
 #include "support/eventually.hpp"
@@ -120,9 +124,24 @@ TEST(CanDeviceHost, RejectsAMissingLinkAndNonsenseOptions) {
     CanDeviceHostOptions fd;
     fd.isotp.fd = true;
     EXPECT_THROW(CanDeviceHost(channel.open(false), fd), std::invalid_argument);
-    CanDeviceHostOptions slow;
-    slow.time_scale = 0.0;
-    EXPECT_THROW(CanDeviceHost(channel.open(), slow), std::invalid_argument);
+    for (const double scale : {0.0, 9e-7, 1001.0, std::nan("")}) {
+        CanDeviceHostOptions options;
+        options.time_scale = scale;
+        try {
+            CanDeviceHost host(channel.open(), options);
+            ADD_FAILURE() << scale;
+        } catch (const std::invalid_argument& error) {
+            EXPECT_EQ(std::string(error.what()).rfind("CanDeviceHost time_scale must be between 1e-06 and 1000 "
+                                                      "(simulated seconds per wall second), not ", 0),
+                      0u)
+                << error.what();
+        }
+    }
+    for (const double scale : {1e-6, 1000.0}) {
+        CanDeviceHostOptions options;
+        options.time_scale = scale;
+        EXPECT_NO_THROW(CanDeviceHost(channel.open(), options)) << scale;
+    }
     CanDeviceHostOptions late;
     late.reply_latency = std::chrono::seconds(2);
     try {
@@ -150,6 +169,42 @@ TEST(CanDeviceHost, AnswersNoEarlierThanTheReplyLatency) {
     const auto answered = std::chrono::steady_clock::now();
     EXPECT_EQ(bytes_of(reply), (Bytes{0x05, 0x80, 0x03, 0x00, 0x42, 0x08, 0xCC, 0xCC}));
     EXPECT_GE(answered - sent, 50ms);
+}
+
+// Much work for a host: the fastest time scale, sixteen devices streaming at
+// 10 kHz. It steps through at most 0.1 s of simulated time per pass, so it
+// falls behind the wall clock rather than holding its lock for ever longer
+// passes, and its methods stay prompt.
+TEST(CanDeviceHost, BehindTheClockItStaysResponsiveAndClosesPromptly) {
+    VirtualCanChannel channel;
+    auto tester = channel.open();
+    CanDeviceHostOptions options;
+    options.time_scale = 1000.0;
+    options.reply_latency = 0us;
+    CanDeviceHost host(channel.open(), options);
+    const auto single_frame = [](int address, Bytes command) {
+        command.insert(command.begin(), static_cast<uint8_t>(command.size()));
+        return frame_of(0x00D00000u | static_cast<uint32_t>(address), command);
+    };
+    for (int address = 0x21; address < 0x21 + 16; ++address) {
+        host.add_actuator(address);
+        Bytes items = wire::make_frame(wire::Command::SET_FEEDBACK_ITEMS);
+        wire::append_u8(items, static_cast<uint8_t>(OrreryActuatorVirtual::OCP_Items::POS_FB_4C));
+        ASSERT_EQ(tester->send_frame(single_frame(address, items)), CanLink::SendResult::sent);
+        Bytes rate = wire::make_frame(wire::Command::SET_FEEDBACK_RATE);
+        wire::append_u32(rate, 1);
+        ASSERT_EQ(tester->send_frame(single_frame(address, rate)), CanLink::SendResult::sent);
+    }
+    ASSERT_TRUE(eventually([&] {
+        const auto counters = host.counters();
+        return counters.commands_in == 32 && counters.replies_out > 20000;
+    }));
+
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(host.actuator_count(), 16u);
+    host.close();
+    // 100 ms is the aim; a loaded test machine gets slack.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
 }
 
 }  // namespace

@@ -13,7 +13,7 @@
 #include "ocp_api/wire.hpp"
 #include "emulation/adapter.hpp"
 #include "emulation/device_clock.hpp"
-#include "emulation/emulated_device.hpp"
+#include "emulation/device_roster.hpp"
 
 namespace ocp_api {
 
@@ -23,22 +23,7 @@ constexpr double SECONDS_PER_STEP = detail::DeviceClock::SECONDS_PER_STEP;
 // Without anything due the worker still wakes this often to keep the devices'
 // physics close to the wall clock.
 constexpr std::chrono::milliseconds IDLE_WAKE_PERIOD{20};
-// The most simulated time the worker steps the devices through in one pass
-// while holding the bus's lock (0.1 s). A bus that falls further behind the
-// wall clock catches up over several passes, letting send(), counters() and
-// close() in between, instead of stepping for seconds at a stretch.
-constexpr int64_t MAX_STEPS_PER_PASS = 1000;
-
-// The accepted ranges of the options, checked when a bus is made.
-constexpr double MIN_TIME_SCALE = 1e-6;
-constexpr double MAX_TIME_SCALE = 1000.0;
 constexpr std::chrono::microseconds MAX_REPLY_LATENCY = std::chrono::seconds(60);
-
-std::string hex_address(int address) {
-    std::ostringstream text;
-    text << "0x" << std::hex << address;
-    return text.str();
-}
 
 void validate(const SimBusOptions& options) {
     const auto refuse = [](const char* option, const char* range, const auto& value) {
@@ -46,11 +31,11 @@ void validate(const SimBusOptions& options) {
         text << "SimBus option " << option << " must be " << range << ", not " << value;
         throw std::invalid_argument(text.str());
     };
-    // Written so that NaN fails every test.
-    if (!(options.time_scale >= MIN_TIME_SCALE && options.time_scale <= MAX_TIME_SCALE))
+    if (!detail::DeviceClock::is_valid_time_scale(options.time_scale))
         refuse("time_scale", "between 1e-06 and 1000 (simulated seconds per wall second)", options.time_scale);
     if (options.reply_latency.count() < 0 || options.reply_latency > MAX_REPLY_LATENCY)
         refuse("reply_latency", "between 0 and 60 s (0 to 60000000 us)", options.reply_latency.count());
+    // Written so that NaN fails the test.
     if (!(options.loss_rate >= 0.0 && options.loss_rate <= 1.0))
         refuse("loss_rate", "between 0 and 1", options.loss_rate);
 }
@@ -97,9 +82,9 @@ struct SimBus::Pending {
 
 SimBus::SimBus(SimBusOptions options)
     : options_((validate(options), options)),
-      epoch_(Clock::now()),
       loss_rng_(options.seed),
-      pending_(std::make_unique<Pending>()) {
+      pending_(std::make_unique<Pending>()),
+      devices_(std::make_unique<detail::DeviceRoster>(Clock::now(), options.time_scale)) {
     worker_ = std::thread([this] { run(); });
     worker_id_ = worker_.get_id();
 }
@@ -110,16 +95,11 @@ SimBus::~SimBus() {
 }
 
 EmulatedActuator& SimBus::add_actuator(int address, uint16_t model_code, uint16_t firmware_word) {
-    if (!wire::is_valid_device_address(address))
-        throw std::invalid_argument("Invalid address " + hex_address(address) + " for an emulated actuator: must be "
-                                    "0x10..0x3ffe");
     std::lock_guard<std::mutex> lock(mutex_);
-    if (device_at(address) != nullptr)
-        throw std::invalid_argument("Address " + hex_address(address) + " is already taken on the simulated bus");
-    auto device = std::make_unique<detail::EmulatedDevice>(address, model_code, firmware_word, steps_done_);
-    devices_.push_back(std::unique_ptr<EmulatedActuator>(new EmulatedActuator(*this, std::move(device))));
-    return *devices_.back();
+    return devices_->add(*this, address, model_code, firmware_word, "the simulated bus");
 }
+
+int64_t SimBus::device_step() const { return devices_->steps_done(); }
 
 void SimBus::emit_replies(detail::DeviceReplies& replies) {
     const auto now = Clock::now();
@@ -129,21 +109,12 @@ void SimBus::emit_replies(detail::DeviceReplies& replies) {
 
 EmulatedActuator& SimBus::actuator(int address) {
     std::lock_guard<std::mutex> lock(mutex_);
-    EmulatedActuator* found = device_at(address);
-    if (found == nullptr) throw std::out_of_range("No emulated actuator at " + hex_address(address));
-    return *found;
+    return devices_->actuator(address);
 }
 
 std::size_t SimBus::actuator_count() const {
     std::lock_guard<std::mutex> lock(mutex_);
-    return devices_.size();
-}
-
-EmulatedActuator* SimBus::device_at(int address) const {
-    for (const auto& device : devices_) {
-        if (device->device_->address() == address) return device.get();
-    }
-    return nullptr;
+    return devices_->size();
 }
 
 SimBusCounters SimBus::counters() const {
@@ -154,7 +125,7 @@ SimBusCounters SimBus::counters() const {
 double SimBus::sim_time() const {
     // The time the bus is at now, which the worker catches up with on its next
     // wake; read from the clock, so it never lags behind an idle worker.
-    return static_cast<double>(target_step(Clock::now())) * SECONDS_PER_STEP;
+    return static_cast<double>(devices_->clock().step_at(Clock::now())) * SECONDS_PER_STEP;
 }
 
 bool SimBus::send(int address, const std::vector<uint8_t>& frame) {
@@ -201,14 +172,6 @@ bool SimBus::draw_loss() {
     return std::uniform_real_distribution<double>(0.0, 1.0)(loss_rng_) < options_.loss_rate;
 }
 
-int64_t SimBus::target_step(Clock::time_point now) const {
-    return detail::DeviceClock(epoch_, options_.time_scale).step_at(now);
-}
-
-SimBus::Clock::time_point SimBus::wall_time_of_step(int64_t step) const {
-    return detail::DeviceClock(epoch_, options_.time_scale).time_of_step(step);
-}
-
 void SimBus::queue_reply(int address, std::vector<uint8_t> bytes, int kind, Clock::time_point produced) {
     ++counters_.replies_sent;
     if (stopping_) {
@@ -222,13 +185,13 @@ void SimBus::queue_reply(int address, std::vector<uint8_t> bytes, int kind, Cloc
     pending_->push_reply({produced + options_.reply_latency, reply_sequence_++, address, std::move(bytes), kind});
 }
 
-void SimBus::advance_devices(int64_t target) {
-    if (target <= steps_done_) return;
+// Returns true while the devices are still behind the wall clock.
+bool SimBus::advance_devices(Clock::time_point now) {
     detail::EmulatedDevice::Replies streamed;
-    for (const auto& device : devices_) device->device_->advance_to(target, streamed);
-    steps_done_ = target;
+    const bool behind = devices_->advance(now, streamed);
     for (auto& reply : streamed)
-        queue_reply(reply.address, std::move(reply.bytes), reply.kind, wall_time_of_step(reply.step));
+        queue_reply(reply.address, std::move(reply.bytes), reply.kind, devices_->clock().time_of_step(reply.step));
+    return behind;
 }
 
 void SimBus::handle_frame(int address, const std::vector<uint8_t>& frame, Clock::time_point now) {
@@ -238,7 +201,8 @@ void SimBus::handle_frame(int address, const std::vector<uint8_t>& frame, Clock:
             queue_reply(address, std::move(*answer), wire::REPLY_STREAMED, now);
         return;
     }
-    if (EmulatedActuator* device = device_at(address)) device->device_->handle_frame(frame, steps_done_, replies);
+    if (detail::EmulatedDevice* device = devices_->device(address))
+        device->handle_frame(frame, devices_->steps_done(), replies);
     for (auto& reply : replies) queue_reply(reply.address, std::move(reply.bytes), reply.kind, now);
 }
 
@@ -256,10 +220,7 @@ SimBus::Clock::time_point SimBus::next_wake(Clock::time_point now) const {
     if (!pending_->replies.empty()) wake = std::min(wake, pending_->earliest().due);
     // A streamed reply is due one latency after its tick; waking then, rather
     // than at the tick, emits and delivers it in the same pass.
-    int64_t next_tick = detail::EmulatedDevice::NEVER;
-    for (const auto& device : devices_) next_tick = std::min(next_tick, device->device_->next_stream_step());
-    if (next_tick != detail::EmulatedDevice::NEVER)
-        wake = std::min(wake, wall_time_of_step(next_tick) + options_.reply_latency);
+    if (const auto tick = devices_->next_stream_time()) wake = std::min(wake, *tick + options_.reply_latency);
     return wake;
 }
 
@@ -269,9 +230,7 @@ void SimBus::run() {
     while (!stopping_) {
         ++counters_.worker_wakes;
         const auto now = Clock::now();
-        const int64_t present = target_step(now);
-        advance_devices(std::min(present, steps_done_ + MAX_STEPS_PER_PASS));
-        const bool behind = steps_done_ < present;
+        const bool behind = advance_devices(now);
         process_inbound(now);
         while (!pending_->replies.empty() && pending_->earliest().due <= now) due.push_back(pending_->pop_earliest());
         if (!due.empty()) {
