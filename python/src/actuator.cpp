@@ -35,13 +35,8 @@ Actuator::FeedbackCallback wrap_feedback_callback(py::object callable) {
     if (callable.is_none()) return nullptr;
     auto shared = share_object(std::move(callable));
     return [shared](int address, Actuator::FeedbackMap items) {
-        if (interpreter_finalizing()) return;
-        py::gil_scoped_acquire gil;
-        try {
-            (*shared)(address, to_dict(items));
-        } catch (py::error_already_set& error) {
-            report_unraisable(error, "ocp_api.OrreryActuator feedback callback");
-        }
+        with_gil_reporting_errors("ocp_api.OrreryActuator feedback callback",
+                                  [&] { (*shared)(address, to_dict(items)); });
     };
 }
 

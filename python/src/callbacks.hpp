@@ -25,19 +25,27 @@ SharedObject share_object(py::object object);
 void report_unraisable(py::error_already_set& error, const char* where);
 void report_unraisable(const std::exception& error, const char* where);
 
-// Calls `callable(args...)` from any thread: takes the GIL for the call and
-// reports an exception instead of letting it reach the caller's thread.
-template <class... Args>
-void call_reporting_errors(const SharedObject& callable, const char* where, Args&&... args) {
+// Runs `body` from any thread with the GIL taken, and reports an exception
+// instead of letting it reach the caller's thread (a transport's receive
+// thread has nobody to raise to). Does nothing once the interpreter is
+// shutting down.
+template <class Body>
+void with_gil_reporting_errors(const char* where, Body&& body) {
     if (interpreter_finalizing()) return;
     py::gil_scoped_acquire gil;
     try {
-        (*callable)(std::forward<Args>(args)...);
+        body();
     } catch (py::error_already_set& error) {
         report_unraisable(error, where);
     } catch (const std::exception& error) {
         report_unraisable(error, where);
     }
+}
+
+// Calls `callable(args...)` the same way.
+template <class... Args>
+void call_reporting_errors(const SharedObject& callable, const char* where, Args&&... args) {
+    with_gil_reporting_errors(where, [&] { (*callable)(std::forward<Args>(args)...); });
 }
 
 // Runs `body` with the GIL released when this thread holds it, so C++ code

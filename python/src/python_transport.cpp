@@ -97,13 +97,8 @@ private:
     // Calls the Python method `name`; takes the GIL when the caller does not hold it.
     template <class... Args>
     void call_python(const char* name, Args&&... args) const {
-        if (interpreter_finalizing()) return;
-        py::gil_scoped_acquire gil;
-        try {
-            override_of(name)(std::forward<Args>(args)...);
-        } catch (py::error_already_set& error) {
-            report_unraisable(error, (std::string("ocp_api.OCP.") + name).c_str());
-        }
+        const std::string where = std::string("ocp_api.OCP.") + name;
+        with_gil_reporting_errors(where.c_str(), [&] { override_of(name)(std::forward<Args>(args)...); });
     }
 
     const std::shared_ptr<CallbackRegistry> registry_ = std::make_shared<CallbackRegistry>();
@@ -115,13 +110,7 @@ OCP::ReceiveCallback wrap_receive_callback(py::object callable) {
     if (callable.is_none()) return nullptr;
     auto shared = share_object(std::move(callable));
     return [shared](int address, std::vector<uint8_t> bytes, int kind) {
-        if (interpreter_finalizing()) return;
-        py::gil_scoped_acquire gil;
-        try {
-            (*shared)(address, to_bytes(bytes), kind);
-        } catch (py::error_already_set& error) {
-            report_unraisable(error, "ocp_api receive callback");
-        }
+        with_gil_reporting_errors("ocp_api receive callback", [&] { (*shared)(address, to_bytes(bytes), kind); });
     };
 }
 

@@ -23,12 +23,8 @@ Virtual::FeedbackCallback wrap_feedback_callback(py::object callable) {
     if (callable.is_none()) return nullptr;
     auto shared = share_object(std::move(callable));
     return [shared](int address, Virtual::FeedbackMap items) {
-        py::gil_scoped_acquire gil;
-        try {
-            (*shared)(address, to_dict(items));
-        } catch (py::error_already_set& error) {
-            report_unraisable(error, "ocp_api.OrreryActuatorVirtual feedback callback");
-        }
+        with_gil_reporting_errors("ocp_api.OrreryActuatorVirtual feedback callback",
+                                  [&] { (*shared)(address, to_dict(items)); });
     };
 }
 
