@@ -2,11 +2,13 @@
 
 #include <gtest/gtest.h>
 
-#include <numeric>
 #include <set>
+
+#include "support/can_frames.hpp"
 
 namespace {
 
+using ocp_test::counting;
 using namespace ocp_api;
 using namespace ocp_api::can;
 using namespace std::chrono_literals;
@@ -15,12 +17,6 @@ using Frames = std::vector<CanFrame>;
 using Messages = std::vector<ReceivedMessage>;
 
 const IsoTpTime T0 = IsoTpTime{} + 1000s;
-
-Bytes counting(std::size_t size) {
-    Bytes bytes(size);
-    std::iota(bytes.begin(), bytes.end(), uint8_t{0});
-    return bytes;
-}
 
 // A host and a device side passing every frame to each other until quiet.
 struct Pair {

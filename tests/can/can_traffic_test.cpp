@@ -2,10 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <numeric>
+#include "support/can_frames.hpp"
 
 namespace {
 
+using ocp_test::counting;
 using namespace ocp_api;
 using namespace ocp_api::can;
 using namespace std::chrono_literals;
@@ -16,12 +17,6 @@ using Type = TrafficEvent::Type;
 
 const IsoTpTime T0 = IsoTpTime{} + 1000s;
 constexpr std::chrono::microseconds WHEN{1700000000000000};
-
-Bytes counting(std::size_t size) {
-    Bytes bytes(size);
-    std::iota(bytes.begin(), bytes.end(), uint8_t{0});
-    return bytes;
-}
 
 // A host and a device exchanging frames until quiet, with every frame on the
 // bus, in order, also handed to `seen`.

@@ -2,11 +2,15 @@
 
 #include <gtest/gtest.h>
 
-#include <numeric>
 #include <stdexcept>
+
+#include "support/can_frames.hpp"
 
 namespace {
 
+using ocp_test::counting;
+using ocp_test::bytes_of;
+using ocp_test::frame_of;
 using namespace ocp_api;
 using namespace ocp_api::can;
 using namespace std::chrono_literals;
@@ -17,23 +21,6 @@ constexpr uint32_t TX = 0x00D00021;  // host to 0x21
 constexpr uint32_t FC = 0x00D04021;  // its flow control
 
 const IsoTpTime T0 = IsoTpTime{} + 1000s;
-
-Bytes counting(std::size_t size) {
-    Bytes bytes(size);
-    std::iota(bytes.begin(), bytes.end(), uint8_t{0});
-    return bytes;
-}
-
-Bytes bytes_of(const CanFrame& frame) { return Bytes(frame.data.begin(), frame.data.begin() + frame.len); }
-
-CanFrame frame_of(uint32_t id, const Bytes& bytes, bool fd = false) {
-    CanFrame frame;
-    frame.id = id;
-    frame.fd = fd;
-    frame.len = static_cast<uint8_t>(bytes.size());
-    std::copy(bytes.begin(), bytes.end(), frame.data.begin());
-    return frame;
-}
 
 IsoTpOptions fd_options(uint8_t data_length = 64) {
     IsoTpOptions options;

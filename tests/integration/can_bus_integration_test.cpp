@@ -13,7 +13,7 @@
 #include "ocp_api/version.hpp"
 #include "ocp_api/virtual_can.hpp"
 #include "support/eventually.hpp"
-#include "support/scan_expectations.hpp"
+#include "support/bus_expectations.hpp"
 #include "support/stream_capture.hpp"
 
 namespace {
@@ -111,18 +111,7 @@ TEST_P(CanBusIntegration, RequestedItemsAndAllParametersInSegmentedReplies) {
 
 TEST_P(CanBusIntegration, InjectedErrorReachesTheDefaultCallbackWhichStopsTheDevice) {
     devices.add_actuator(0x21);
-    OrreryActuator joint(bus, 0x21);
-    joint.start();
-    ASSERT_TRUE(eventually([&] { return devices.actuator(0x21).physics()->is_running(); }));
-    StreamCapture err(std::cerr);
-    devices.actuator(0x21).inject_errors(1u << 16);
-    ASSERT_TRUE(eventually([&] { return !devices.actuator(0x21).physics()->is_running(); }));
-    // The ping's answer comes after the error callback has returned.
-    ASSERT_TRUE(joint.send_ping(5.0f));
-    EXPECT_EQ(err.text(),
-              "Actuator 0x21 Error code: 16 - Current maximum\n"
-              "Actuator 0x21 Stopping (override error_callback to change)\n");
-    EXPECT_EQ(joint.getItemsBlocking({Items::ERRORS_90}, 1.0f).at(Items::ERRORS_90), 65536.0f);
+    ocp_test::expect_injected_error_stops_0x21(bus, devices);
 }
 
 TEST_P(CanBusIntegration, AnAddressChangeSurvivesAPowerCycleOnlyWhenSaved) {

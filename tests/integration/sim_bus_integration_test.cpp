@@ -12,7 +12,7 @@
 #include "ocp_api/sim_bus.hpp"
 #include "ocp_api/version.hpp"
 #include "support/eventually.hpp"
-#include "support/scan_expectations.hpp"
+#include "support/bus_expectations.hpp"
 #include "support/stream_capture.hpp"
 
 namespace {
@@ -165,18 +165,7 @@ TEST(SimBusIntegration, AnAddressChangeSurvivesAPowerCycleOnlyWhenSaved) {
 TEST(SimBusIntegration, InjectedErrorReachesTheDefaultCallbackWhichStopsTheDevice) {
     SimBus bus;
     bus.add_actuator(0x21);
-    OrreryActuator joint(bus, 0x21);
-    joint.start();
-    ASSERT_TRUE(eventually([&] { return bus.actuator(0x21).physics()->is_running(); }));
-    StreamCapture err(std::cerr);
-    bus.actuator(0x21).inject_errors(1u << 16);
-    ASSERT_TRUE(eventually([&] { return !bus.actuator(0x21).physics()->is_running(); }));
-    // The ping's answer comes after the error callback has returned.
-    ASSERT_TRUE(joint.send_ping(5.0f));
-    EXPECT_EQ(err.text(),
-              "Actuator 0x21 Error code: 16 - Current maximum\n"
-              "Actuator 0x21 Stopping (override error_callback to change)\n");
-    EXPECT_EQ(joint.getItemsBlocking({Items::ERRORS_90}, 1.0f).at(Items::ERRORS_90), 65536.0f);
+    ocp_test::expect_injected_error_stops_0x21(bus, bus);
 }
 
 TEST(SimBusIntegration, LossyBusNeverHangsAndAccountsForEveryLoss) {

@@ -29,7 +29,7 @@
 #include "ocp_api/socketcan_link.hpp"
 #include "ocp_api/version.hpp"
 #include "support/eventually.hpp"
-#include "support/scan_expectations.hpp"
+#include "support/bus_expectations.hpp"
 #include "support/stream_capture.hpp"
 #include "vm/guest.hpp"
 
@@ -251,18 +251,9 @@ TEST_P(SocketCanIntegration, RequestedItemsAndAllParameters) {
 
 TEST_P(SocketCanIntegration, AnErrorRecordReachesTheDefaultErrorCallback) {
     auto devices = device_host_on(GetParam().interface(), GetParam().fd);
-    devices->add_actuator(kDevice);
+    devices->add_actuator(0x21);
     auto bus = open_bus_here();
-    OrreryActuator joint(*bus, kDevice);
-    joint.start();
-    ASSERT_TRUE(eventually([&] { return devices->actuator(kDevice).physics()->is_running(); }));
-    StreamCapture err(std::cerr);
-    devices->actuator(kDevice).inject_errors(1u << 16);
-    ASSERT_TRUE(eventually([&] { return !devices->actuator(kDevice).physics()->is_running(); }));
-    ASSERT_TRUE(joint.send_ping(5.0f));
-    EXPECT_EQ(err.text(),
-              "Actuator 0x21 Error code: 16 - Current maximum\n"
-              "Actuator 0x21 Stopping (override error_callback to change)\n");
+    ocp_test::expect_injected_error_stops_0x21(*bus, *devices);
 }
 
 // Our segmentation against the kernel's, host to device: every size from the

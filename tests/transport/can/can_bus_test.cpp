@@ -9,24 +9,17 @@
 #include "ocp_api/version.hpp"
 #include "ocp_api/virtual_can.hpp"
 #include "ocp_api/wire.hpp"
+#include "support/can_frames.hpp"
 #include "support/eventually.hpp"
 
 namespace {
 
+using ocp_test::bytes_of;
+using ocp_test::frame_of;
 using namespace ocp_api;
 using namespace std::chrono_literals;
 using ocp_test::eventually;
 using Bytes = std::vector<uint8_t>;
-
-Bytes bytes_of(const CanFrame& frame) { return Bytes(frame.data.begin(), frame.data.begin() + frame.len); }
-
-CanFrame frame_of(uint32_t id, const Bytes& bytes) {
-    CanFrame frame;
-    frame.id = id;
-    frame.len = static_cast<uint8_t>(bytes.size());
-    std::copy(bytes.begin(), bytes.end(), frame.data.begin());
-    return frame;
-}
 
 // The next frame a raw endpoint sees, skipping nothing; fails the test on a time-out.
 CanFrame next_frame(CanLink& link) {
