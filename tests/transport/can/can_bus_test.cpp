@@ -15,6 +15,7 @@
 namespace {
 
 using ocp_test::bytes_of;
+using ocp_test::counting;
 using ocp_test::frame_of;
 using namespace ocp_api;
 using namespace std::chrono_literals;
@@ -192,6 +193,30 @@ TEST(CanBus, ReportsLinkStatesAndRecovers) {
     EXPECT_EQ(counters.link_errors, 1u);
     std::lock_guard<std::mutex> lock(mutex);
     EXPECT_EQ(states, (std::vector<CanLinkState>{CanLinkState::down, CanLinkState::active}));
+}
+
+// A command half sent when the controller goes bus-off cannot be finished:
+// the device has dropped it by the time the bus is back. After recovery a
+// late flow control for it releases nothing, and new commands go out whole.
+TEST(CanBus, BusOffAbandonsAHalfSentCommand) {
+    VirtualCanChannel channel;
+    auto device = channel.open();
+    CanBus bus(channel.open());
+    ASSERT_TRUE(bus.send(0x21, counting(20)));
+    EXPECT_EQ(bytes_of(next_frame(*device)), (Bytes{0x10, 0x14, 0x00, 0x01, 0x02, 0x03, 0x04, 0x05}));
+    channel.set_state(CanLinkState::bus_off);
+    ASSERT_TRUE(eventually([&] { return bus.link_state() == CanLinkState::bus_off; }));
+    channel.set_state(CanLinkState::active);
+    ASSERT_TRUE(eventually([&] { return bus.link_state() == CanLinkState::active; }));
+    EXPECT_EQ(device->receive(10s).state, CanLinkState::bus_off);
+    EXPECT_EQ(device->receive(10s).state, CanLinkState::active);
+
+    device->send_frame(frame_of(0x00D04021, {0x30, 0x00, 0x00}));  // flow control, too late
+    ASSERT_TRUE(bus.send(0x21, {0x40}));
+    // The next frame is the new command, not a consecutive frame of the old one.
+    EXPECT_EQ(bytes_of(next_frame(*device)), (Bytes{0x01, 0x40, 0xCC, 0xCC, 0xCC, 0xCC, 0xCC, 0xCC}));
+    EXPECT_EQ(device->receive(50ms).type, CanLinkEvent::Type::none);
+    EXPECT_EQ(bus.counters().messages_out, 1u);
 }
 
 TEST(CanBus, RandomFramesOnOurIdentifiersAreCountedAndHarmless) {
