@@ -8,8 +8,6 @@
 
 namespace ocpctl {
 
-BusChoice parse_bus(const std::string& text) { return BusChoice{text}; }
-
 std::string bus_option_help() {
     std::string text = "Bus:";
     for (const ocp_api::BusScheme& scheme : ocp_api::bus_schemes()) {
@@ -18,9 +16,9 @@ std::string bus_option_help() {
     return text;
 }
 
-Bus::Bus(const BusChoice& choice) {
+Bus::Bus(const std::string& text) {
     try {
-        transport_ = ocp_api::open_bus(choice.text);
+        transport_ = ocp_api::open_bus(text);
     } catch (const std::invalid_argument& error) {
         throw UsageError(error.what());
     }

@@ -10,12 +10,6 @@
 
 namespace ocpctl {
 
-struct BusChoice {
-    std::string text;  // as the user wrote it, e.g. "sim:0x21" or "socketcan:can0,fd"
-};
-
-BusChoice parse_bus(const std::string& text);
-
 // "Bus: sim[:ADDR,...] (...); socketcan:IF[,fd][,dlen=N] (...)" for --help.
 std::string bus_option_help();
 
@@ -24,7 +18,8 @@ public:
     // Throws UsageError for an unknown scheme or a malformed argument, and
     // std::system_error (naming the interface) when a SocketCAN interface is
     // missing or down.
-    explicit Bus(const BusChoice& choice);
+    // `text` as the user wrote it, e.g. "sim:0x21" or "socketcan:can0,fd".
+    explicit Bus(const std::string& text);
     ocp_api::OCP& transport() { return *transport_; }
     // The simulated bus behind the transport, or nullptr on a real one.
     ocp_api::SimBus* simulated() { return dynamic_cast<ocp_api::SimBus*>(transport_.get()); }

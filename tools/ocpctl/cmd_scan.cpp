@@ -70,7 +70,7 @@ int run_scan(const ScanOptions& options, const GlobalOptions& global) {
     if (from > to) throw UsageError("--from " + from_text + " is above --to " + to_text);
     if (!(options.rate > 0.0)) throw UsageError("--rate must be a positive number of pings per second");
     if (options.attempts < 1) throw UsageError("--attempts must be at least 1");
-    Bus bus(parse_bus(global.bus));
+    Bus bus(global.bus);
 
     std::vector<ocp_api::FoundDevice> devices;
     {

@@ -18,7 +18,7 @@ bool answers_at(ocp_api::OCP& bus, int address, float timeout_s) {
 }
 
 Session::Session(const GlobalOptions& global, int address, OnExit on_exit)
-    : bus_(parse_bus(global.bus)), filter_(bus_.transport()), on_exit_(on_exit) {
+    : bus_(global.bus), filter_(bus_.transport()), on_exit_(on_exit) {
     actuator_ = connect_actuator(filter_, address, global.timeout_s);
 }
 
