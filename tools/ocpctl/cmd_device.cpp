@@ -292,7 +292,10 @@ int run_params_load(const ParamsLoadOptions& options, const GlobalOptions& globa
     }
     Session session(global, address, OnExit::LeaveAsFound);
     session.actuator().set_parameters(values);
-    const ParameterMap held = read_parameters(session, address, ids, global.timeout_s);
+    // One read serves the comparison and, with --out, the whole document.
+    const std::vector<Parameter> all(ocp_api::OrreryActuator::ALL_PARAMETERS.begin(),
+                                     ocp_api::OrreryActuator::ALL_PARAMETERS.end());
+    const ParameterMap held = read_parameters(session, address, options.out.empty() ? ids : all, global.timeout_s);
     std::size_t differing = 0;
     for (const auto& [id, value] : entries) {
         if (held.at(id) == value) continue;
@@ -300,11 +303,7 @@ int run_params_load(const ParamsLoadOptions& options, const GlobalOptions& globa
         std::printf("%-22s wrote %s, the device holds %s\n", std::string(ocp_api::parameter_name(id)).c_str(),
                     describe_value(id, value).c_str(), describe_value(id, held.at(id)).c_str());
     }
-    if (!options.out.empty()) {
-        const std::vector<Parameter> all(ocp_api::OrreryActuator::ALL_PARAMETERS.begin(), ocp_api::OrreryActuator::ALL_PARAMETERS.end());
-        write_document(parameters_document(address, all, read_parameters(session, address, all, global.timeout_s)),
-                       options.out);
-    }
+    if (!options.out.empty()) write_document(parameters_document(address, all, held), options.out);
     if (differing != 0) {
         std::printf("%s: %zu of %zu parameters differ from the file; nothing saved\n", hex(address).c_str(), differing,
                     entries.size());

@@ -117,6 +117,14 @@ private:
         }
     }
 
+    // The decoder's JSON goes in as it is, as the last member of `line`,
+    // rather than being parsed back only to be written out again.
+    static void print_with_decoded(const nlohmann::ordered_json& line, const std::string& decoded) {
+        std::string head = line.dump();
+        head.pop_back();  // the closing brace
+        std::printf("%s,\"decoded\":%s}\n", head.c_str(), decoded.c_str());
+    }
+
     static void print_json(const std::string& interface, const TrafficEvent& event) {
         nlohmann::ordered_json line;
         line["time"] = time_text(event.time);
@@ -127,8 +135,8 @@ private:
                 line["address"] = event.address;
                 line["direction"] = direction_json(event);
                 line["kind"] = event.kind;
-                line["decoded"] = nlohmann::ordered_json::parse(decode(event).json());
-                break;
+                print_with_decoded(line, decode(event).json());
+                return;
             case TrafficEvent::Type::foreign_frame:
                 line["type"] = "not_ours";
                 line["frame"] = frame_text(*event.frame);

@@ -213,8 +213,9 @@ int run_stream(const StreamOptions& options, const GlobalOptions& global) {
     start = Clock::now();
     // Runs on the bus's receive thread, one row per streamed reply.
     actuator.set_feedback_callback([&](int, FeedbackMap feedback) {
+        const double time_s = seconds_since(start);
         char time[32];
-        std::snprintf(time, sizeof time, "%.6f", seconds_since(start));
+        std::snprintf(time, sizeof time, "%.6f", time_s);
         std::string row;
         if (csv) {
             row = time;
@@ -229,7 +230,7 @@ int run_stream(const StreamOptions& options, const GlobalOptions& global) {
             row += "}";
         }
         std::lock_guard<std::mutex> lock(output);
-        if (!options.plot.empty()) sources.add(samples, seconds_since(start), feedback);
+        if (!options.plot.empty()) sources.add(samples, time_s, feedback);
         // A row at a time, so that a reader at the other end of a pipe sees
         // each as it comes; a failed write means the reader has gone.
         std::printf("%s\n", row.c_str());
@@ -319,7 +320,7 @@ int run_watch(const WatchOptions& options, const GlobalOptions& global) {
     const double seconds = options.seconds == 0.0 ? 0.0 : parse_seconds(options.seconds, "--for");
 
     const StopSignal stop_signal;
-    Bus bus(parse_bus(global.bus));
+    Bus bus(global.bus);
     ExitStopFilter transport(bus.transport());
     transport.arm();  // watching leaves the devices as they were
     // Each device streams its feedback; one that is silent at the start or
