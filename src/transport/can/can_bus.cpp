@@ -126,9 +126,9 @@ void CanBus::transmit(const std::vector<CanFrame>& frames) {
     for (const CanFrame& frame : frames) transmit_one(frame);
 }
 
+// Called with the lock held: how long the next wait on the link may last. A
+// deadline set after this (a segmented send) comes with a wake().
 std::chrono::nanoseconds CanBus::time_until_deadline() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (!local_replies_.empty()) return std::chrono::nanoseconds(0);
     const std::optional<can::IsoTpTime> deadline = node_.deadline();
     if (!deadline) return IDLE_WAIT;
     return std::clamp<std::chrono::nanoseconds>(*deadline - Clock::now(), std::chrono::nanoseconds(0), IDLE_WAIT);
@@ -148,8 +148,9 @@ std::shared_ptr<CanBus::StateCallback> CanBus::note_state(CanLinkState state) {
 void CanBus::run() {
     std::vector<can::ReceivedMessage> messages;
     std::vector<CanFrame> out;
+    std::chrono::nanoseconds timeout = IDLE_WAIT;
     for (;;) {
-        const CanLinkEvent event = link_->receive(time_until_deadline());
+        const CanLinkEvent event = link_->receive(timeout);
         std::shared_ptr<StateCallback> state_callback;
         {
             std::lock_guard<std::mutex> lock(mutex_);
@@ -164,6 +165,7 @@ void CanBus::run() {
                 messages.push_back(std::move(local_replies_.front()));
                 local_replies_.pop_front();
             }
+            timeout = time_until_deadline();
         }
         // Callbacks run without the bus's lock: they may send, and the
         // registry keeps its own promise about removal.
