@@ -165,6 +165,15 @@ TEST(MessageDecoder, PingReplyWithModelAndFirmware) {
               R"({"name":"firmware","type":"u16","value":2114,"meaning":"1.1.2"}]}]})");
 }
 
+// A streaming device may put its answer behind item records: both parts show,
+// separated in the text and as two objects in the JSON.
+TEST(MessageDecoder, AReplyOfTwoPartsShowsBoth) {
+    const Bytes buffer = item_record(Items::POS_FB_4C, 1.5f) + ping_reply(3, 0x0842);
+    EXPECT_EQ(reply_text(buffer), "ITEMS POS_FB_4C=1.5; PING_REPLY model=HERON_A(3) firmware=1.1.2(0x0842)");
+    EXPECT_NE(decode_reply(buffer).json().find(R"("value":1.5}]},{"name":"PING_REPLY")"), std::string::npos)
+        << decode_reply(buffer).json();
+}
+
 TEST(MessageDecoder, ErrorFlagsWithDescriptions) {
     EXPECT_EQ(reply_text(error_reply((1u << 0) | (1u << 16) | (1u << 1))),
               "ERROR_FLAGS flags=0x00010003 bit0=\"Overtemperature\" bit1=\"unknown error bit\" "

@@ -316,7 +316,9 @@ TEST(CanBus, ABusyAdapterIsRetriedBrieflyThenTheFrameIsDropped) {
     CanBus bus(std::move(link), options);
     const auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(bus.send(0x21, {0x40}));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+    const auto elapsed = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(elapsed, options.busy_retry) << "retried for the whole window";
+    EXPECT_LT(elapsed, 5s);
     EXPECT_GT(stuck.attempts.load(), 1);
     EXPECT_EQ(bus.counters().drops, 1u);
     EXPECT_EQ(bus.counters().frames_out, 0u);
