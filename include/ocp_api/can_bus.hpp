@@ -21,8 +21,10 @@
 namespace ocp_api {
 
 struct CanBusOptions {
-    // Segmentation; `isotp.fd` asks for CAN-FD frames and needs a link that
-    // carries them.
+    // Segmentation and queueing; `isotp.fd` asks for CAN-FD frames and needs a
+    // link that carries them. `isotp.queue_limit` bounds the commands waiting
+    // per address, `isotp.setpoint_max_age` how long a setpoint may wait, and
+    // `isotp.max_open_receptions` the replies half-received at once.
     can::IsoTpOptions isotp;
     // How long one frame is retried while the adapter reports busy before it
     // is dropped.
@@ -41,11 +43,23 @@ struct CanBusCounters {
     uint64_t link_errors = 0;          // sends the link refused, and error states it reported
     uint64_t replies_unclaimed = 0;    // replies for an address without a callback
     uint64_t restarts = 0;             // returns to the active state after bus-off or down
+    // Queueing of commands, per address (see docs/can-mapping.md, "Queueing"):
+    uint64_t superseded = 0;           // waiting setpoints replaced by a newer one of the same command
+    uint64_t expired = 0;              // setpoints dropped for waiting longer than setpoint_max_age
+    uint64_t cancelled = 0;            // START and setpoints dropped because a STOP overtook them
+    uint64_t preempted = 0;            // segmented commands abandoned half-sent for a STOP
+    uint64_t queue_full = 0;           // commands refused (send() false) for a full queue
+    // Reassembly of replies:
+    uint64_t receptions_refused = 0;   // first frames ignored with every reception slot taken
+    uint64_t receptions_evicted = 0;   // half-received replies dropped to make room for a known device
 };
 
 // One receive thread pulls the link, reassembles replies, paces segmented
 // commands and runs the callbacks. send() queues and returns at once, from any
-// thread, callbacks included; it never waits for flow control.
+// thread, callbacks included; it never waits for flow control. A STOP goes out
+// at once, ahead of whatever waits for its address; a newer setpoint replaces
+// a waiting one of the same command; each address queues at most
+// `isotp.queue_limit` commands (send() returns false beyond).
 //
 // The adapter at address 0 is this transport: a PING to address 0 is answered
 // locally with a PING_REPLY (model CAN_ADAPTER, the library's version as
@@ -65,7 +79,8 @@ public:
     CanBus& operator=(const CanBus&) = delete;
 
     // False when the bus is closed, the link failed, the message is empty or
-    // longer than 4095 bytes, or the address is outside 0..0x3FFF.
+    // longer than 4095 bytes, the address is outside 0..0x3FFF, or the
+    // address's queue is full.
     bool send(int address, const std::vector<uint8_t>& frame) override;
     void setCallback(int address, ReceiveCallback callback) override;
     void removeCallback(int address) override;
@@ -94,6 +109,7 @@ private:
 
     mutable std::mutex mutex_;  // guards everything below; frames are sent under it, in order
     can::Node node_;
+    std::vector<CanFrame> send_frames_;  // reused by send(), so a command allocates nothing
     std::deque<can::ReceivedMessage> local_replies_;  // the adapter's answers, for the receive thread
     CanBusCounters counters_;
     CanLinkState state_ = CanLinkState::active;

@@ -6,9 +6,8 @@
 #pragma once
 
 #include <functional>
-#include <map>
+#include <memory>
 #include <optional>
-#include <utility>
 #include <vector>
 
 #include "ocp_api/can_link.hpp"
@@ -34,6 +33,16 @@ struct NodeCounters {
     uint64_t foreign_frames = 0;  // not ours: other identifiers, other direction, other devices
 };
 
+// Work per frame and per tick does not grow with the number of messages on
+// their way: senders and receivers are found through an index, their next
+// deadlines are kept in a heap, and both are pooled and reused, so a steady
+// flow of messages allocates nothing here. At most `max_open_receptions`
+// messages are half-received at once: when every slot is taken, a first frame
+// from a peer that has completed a message before takes the slot of the
+// oldest reception from one that has not (or else the oldest), and a first
+// frame from any other peer is ignored without flow control. So a peer
+// flooding first frames it never finishes cannot crowd out the replies of
+// known devices.
 class Node {
 public:
     // Whether a device side answers for `address`; frames for other addresses
@@ -42,12 +51,22 @@ public:
 
     // `serves` is used by the device role only; empty serves every address.
     Node(Role role, IsoTpOptions options, AddressFilter serves = {});
+    ~Node();
+    Node(Node&&) noexcept;
+    Node& operator=(Node&&) = delete;
+    Node(const Node&) = delete;
+    Node& operator=(const Node&) = delete;
 
     // Queues a message: the host's to the device at `address` (kind 0), a
     // device's from `address` with `kind`. One message per address is on its
-    // way at a time; the rest wait in order. False when the message is empty,
-    // too long, or the address or kind is invalid.
-    bool queue(int address, int kind, std::vector<uint8_t> message, IsoTpTime now, std::vector<CanFrame>& out);
+    // way at a time; the rest wait by the rules of their class (see
+    // MessageClass). False (counted) when the message is empty or too long,
+    // the address or kind is invalid, or the address's queue is full.
+    bool queue(int address, int kind, const uint8_t* data, std::size_t size, MessageClass message_class,
+               IsoTpTime now, std::vector<CanFrame>& out);
+    bool queue(int address, int kind, const std::vector<uint8_t>& message, IsoTpTime now, std::vector<CanFrame>& out) {
+        return queue(address, kind, message.data(), message.size(), MessageClass::ordinary, now, out);
+    }
     void on_frame(const CanFrame& frame, IsoTpTime now, std::vector<CanFrame>& out,
                   std::vector<ReceivedMessage>& messages);
     void on_time(IsoTpTime now, std::vector<CanFrame>& out);
@@ -56,28 +75,13 @@ public:
     // Gives up every message queued or half-sent (counted as dropped).
     void abandon_sending();
     NodeCounters counters() const;
+    // Messages on their way or waiting, and half-received messages, now.
+    std::size_t open_senders() const;
+    std::size_t open_receptions() const;
 
 private:
-    using ReceiverKey = std::pair<int, int>;  // address, kind
-
-    IsoTpSender& sender_for(int address);
-    IsoTpReceiver& receiver_for(int address, int kind);
-    // Senders and receivers exist only while a message is on its way: a scan
-    // of the whole address range must not leave thousands of idle ones to
-    // walk on every frame. Their counts live on in retired_.
-    void retire_sender_if_idle(int address);
-    void retire_receiver_if_idle(const ReceiverKey& key);
-    Direction incoming() const;
-    Direction outgoing() const;
-
-    const Role role_;
-    const IsoTpOptions options_;
-    const AddressFilter serves_;
-    std::map<int, IsoTpSender> senders_;
-    std::map<ReceiverKey, IsoTpReceiver> receivers_;
-    IsoTpCounters retired_;  // of senders and receivers that finished
-    uint64_t frames_in_ = 0;
-    uint64_t foreign_frames_ = 0;
+    struct State;
+    std::unique_ptr<State> state_;
 };
 
 }  // namespace ocp_api::can

@@ -50,6 +50,18 @@ enum class Command : uint8_t {
     CLEAR_CONFIG = 0xC2,
 };
 
+// How a transport treats a command that has to wait behind others for its
+// address (see docs/can-mapping.md, "Queueing").
+enum class CommandClass : uint8_t {
+    ordinary,  // kept in order; configuration is never dropped for age
+    motion,    // START: kept in order, but a later STOP cancels it while it waits
+    setpoint,  // the setpoint commands: latest wins, dropped when too old, cancelled by a STOP
+    safety,    // STOP: ahead of everything queued for its address
+};
+
+// The class of the command whose code is the first byte of `frame`.
+CommandClass command_class(uint8_t code);
+
 // First byte of a record in a reply buffer (device to host). Item records use
 // the feedback item code itself as their record code.
 enum class RecordCode : uint8_t {

@@ -3,117 +3,287 @@
 #include "ocp_api/can_node.hpp"
 
 #include <algorithm>
+#include <limits>
+
+#include "can/deadline_heap.hpp"
+#include "can/slot_index.hpp"
 
 namespace ocp_api::can {
 
 namespace {
 
-void take_earlier(std::optional<IsoTpTime>& earliest, const std::optional<IsoTpTime>& candidate) {
-    if (candidate && (!earliest || *candidate < *earliest)) earliest = candidate;
-}
+constexpr uint32_t NO_SLOT = detail::SlotIndex::NOT_FOUND;
+
+uint32_t receiver_key(int address, int kind) { return static_cast<uint32_t>(address) * 2 + static_cast<uint32_t>(kind); }
+
+// Deadlines of senders and receivers share one heap: even ids are senders,
+// odd ones receivers.
+uint32_t sender_timer(uint32_t slot) { return slot * 2; }
+uint32_t receiver_timer(uint32_t slot) { return slot * 2 + 1; }
+
+bool opens_message(const CanFrame& frame) { return frame.len > 0 && (frame.data[0] >> 4) == 0x1; }
 
 }  // namespace
 
+struct Node::State {
+    struct SenderSlot {
+        int address = -1;  // -1: free
+        IsoTpSender sender;
+    };
+    struct ReceiverSlot {
+        int address = -1;  // -1: free
+        int kind = 0;
+        IsoTpTime opened{};
+        IsoTpReceiver receiver;
+    };
+
+    State(Role role, IsoTpOptions options, AddressFilter serves)
+        : role(role),
+          options(options),
+          serves(std::move(serves)),
+          proven(static_cast<std::size_t>(MAX_ADDRESS + 1) * 2, false),
+          unbound(0, options, &counters) {
+        validate(options);
+    }
+
+    Direction incoming() const { return role == Role::host ? Direction::to_host : Direction::to_device; }
+    Direction outgoing() const { return role == Role::host ? Direction::to_device : Direction::to_host; }
+
+    uint32_t acquire_sender(int address);
+    void after_sender(uint32_t slot);
+    uint32_t acquire_receiver(int address, int kind, IsoTpTime now);
+    uint32_t slot_to_evict() const;
+    void release_receiver(uint32_t slot);
+    void after_receiver(uint32_t slot);
+    void deliver(int address, int kind, const std::vector<uint8_t>& bytes, std::vector<ReceivedMessage>& messages);
+
+    const Role role;
+    const IsoTpOptions options;
+    const AddressFilter serves;
+    IsoTpCounters counters;  // every sender and receiver counts here
+    uint64_t frames_in = 0;
+    uint64_t foreign_frames = 0;
+
+    std::vector<SenderSlot> senders;
+    std::vector<uint32_t> free_senders;
+    detail::SlotIndex sender_index;  // address -> slot
+    std::vector<ReceiverSlot> receivers;
+    std::vector<uint32_t> free_receivers;
+    detail::SlotIndex receiver_index;  // address * 2 + kind -> slot
+    detail::DeadlineHeap deadlines;
+    // Per address and kind: has a whole message ever come from it?
+    std::vector<bool> proven;
+    // Handles frames that belong to no reception in progress (single frames,
+    // stray consecutive frames), so they go through the same checks.
+    IsoTpReceiver unbound;
+};
+
 Node::Node(Role role, IsoTpOptions options, AddressFilter serves)
-    : role_(role), options_(options), serves_(std::move(serves)) {
-    validate(options_);
+    : state_(std::make_unique<State>(role, options, std::move(serves))) {}
+
+Node::~Node() = default;
+Node::Node(Node&&) noexcept = default;
+
+uint32_t Node::State::acquire_sender(int address) {
+    uint32_t slot;
+    if (!free_senders.empty()) {
+        slot = free_senders.back();
+        free_senders.pop_back();
+    } else {
+        slot = static_cast<uint32_t>(senders.size());
+        senders.push_back({-1, IsoTpSender(options, &counters)});
+    }
+    senders[slot].address = address;
+    sender_index.insert(static_cast<uint32_t>(address), slot);
+    return slot;
 }
 
-Direction Node::incoming() const { return role_ == Role::host ? Direction::to_host : Direction::to_device; }
-Direction Node::outgoing() const { return role_ == Role::host ? Direction::to_device : Direction::to_host; }
-
-IsoTpSender& Node::sender_for(int address) { return senders_.try_emplace(address, options_).first->second; }
-
-IsoTpReceiver& Node::receiver_for(int address, int kind) {
-    const auto found = receivers_.find({address, kind});
-    if (found != receivers_.end()) return found->second;
-    const uint32_t fc_id = encode_id(flow_control_partner({address, incoming(), kind}));
-    return receivers_.try_emplace({address, kind}, fc_id, options_).first->second;
+// Keeps the sender's deadline current, and frees its slot once it has
+// nothing left to send.
+void Node::State::after_sender(uint32_t slot) {
+    SenderSlot& entry = senders[slot];
+    if (!entry.sender.idle()) {
+        deadlines.set(sender_timer(slot), entry.sender.deadline());
+        return;
+    }
+    deadlines.set(sender_timer(slot), std::nullopt);
+    sender_index.erase(static_cast<uint32_t>(entry.address));
+    entry.address = -1;
+    free_senders.push_back(slot);
 }
 
-void Node::retire_sender_if_idle(int address) {
-    const auto found = senders_.find(address);
-    if (found == senders_.end() || !found->second.idle()) return;
-    retired_ += found->second.counters();
-    senders_.erase(found);
+// A slot for a message that a first frame opens, or NO_SLOT when the frame is
+// to be ignored because every slot is taken.
+uint32_t Node::State::acquire_receiver(int address, int kind, IsoTpTime now) {
+    uint32_t slot;
+    if (!free_receivers.empty()) {
+        slot = free_receivers.back();
+        free_receivers.pop_back();
+    } else if (receivers.size() < options.max_open_receptions) {
+        slot = static_cast<uint32_t>(receivers.size());
+        receivers.push_back({-1, 0, {}, IsoTpReceiver(0, options, &counters)});
+    } else {
+        if (!proven[receiver_key(address, kind)]) {
+            ++counters.receptions_refused;
+            return NO_SLOT;
+        }
+        slot = slot_to_evict();
+        ++counters.receptions_evicted;
+        receivers[slot].receiver.drop();
+        release_receiver(slot);
+        free_receivers.pop_back();  // the slot just freed
+    }
+    ReceiverSlot& entry = receivers[slot];
+    entry.address = address;
+    entry.kind = kind;
+    entry.opened = now;
+    entry.receiver.rebind(encode_id(flow_control_partner({address, incoming(), kind})));
+    receiver_index.insert(receiver_key(address, kind), slot);
+    return slot;
 }
 
-void Node::retire_receiver_if_idle(const ReceiverKey& key) {
-    const auto found = receivers_.find(key);
-    if (found == receivers_.end() || found->second.receiving()) return;
-    retired_ += found->second.counters();
-    receivers_.erase(found);
+// The oldest reception from a peer that never completed a message, or else
+// the oldest of all. Only runs when every slot is taken and a known peer
+// starts a message, so the walk over the slots is rare.
+uint32_t Node::State::slot_to_evict() const {
+    uint32_t oldest = 0;
+    uint32_t oldest_unproven = NO_SLOT;
+    for (uint32_t slot = 0; slot < receivers.size(); ++slot) {
+        const ReceiverSlot& entry = receivers[slot];
+        if (entry.opened < receivers[oldest].opened) oldest = slot;
+        if (!proven[receiver_key(entry.address, entry.kind)] &&
+            (oldest_unproven == NO_SLOT || entry.opened < receivers[oldest_unproven].opened))
+            oldest_unproven = slot;
+    }
+    return oldest_unproven != NO_SLOT ? oldest_unproven : oldest;
 }
 
-bool Node::queue(int address, int kind, std::vector<uint8_t> message, IsoTpTime now, std::vector<CanFrame>& out) {
+void Node::State::release_receiver(uint32_t slot) {
+    ReceiverSlot& entry = receivers[slot];
+    deadlines.set(receiver_timer(slot), std::nullopt);
+    receiver_index.erase(receiver_key(entry.address, entry.kind));
+    entry.address = -1;
+    free_receivers.push_back(slot);
+}
+
+void Node::State::after_receiver(uint32_t slot) {
+    IsoTpReceiver& receiver = receivers[slot].receiver;
+    if (receiver.receiving()) {
+        deadlines.set(receiver_timer(slot), receiver.deadline());
+    } else {
+        release_receiver(slot);
+    }
+}
+
+void Node::State::deliver(int address, int kind, const std::vector<uint8_t>& bytes,
+                          std::vector<ReceivedMessage>& messages) {
+    proven[receiver_key(address, kind)] = true;
+    ReceivedMessage& message = messages.emplace_back();
+    message.address = address;
+    message.kind = kind;
+    message.bytes.assign(bytes.begin(), bytes.end());
+}
+
+bool Node::queue(int address, int kind, const uint8_t* data, std::size_t size, MessageClass message_class,
+                 IsoTpTime now, std::vector<CanFrame>& out) {
+    State& s = *state_;
     if (address < 0 || address > MAX_ADDRESS || kind < 0 || kind > 1) return false;
-    if (role_ == Role::host && kind != 0) return false;
-    const uint32_t tx_id = encode_id({address, outgoing(), kind});
-    const bool queued = sender_for(address).queue(tx_id, std::move(message), now, out);
-    retire_sender_if_idle(address);
+    if (s.role == Role::host && kind != 0) return false;
+    if (size == 0 || size > ISOTP_MAX_MESSAGE) return false;
+    const uint32_t tx_id = encode_id({address, s.outgoing(), kind});
+    uint32_t slot = s.sender_index.find(static_cast<uint32_t>(address));
+    if (slot == NO_SLOT) {
+        // Nothing on its way to this address: a single frame goes at once,
+        // without a sender.
+        if (fits_single_frame(size, s.options)) {
+            append_single_frame(tx_id, data, size, s.options, out);
+            ++s.counters.frames_out;
+            ++s.counters.messages_out;
+            return true;
+        }
+        slot = s.acquire_sender(address);
+    }
+    const bool queued = s.senders[slot].sender.queue(tx_id, data, size, message_class, now, out);
+    s.after_sender(slot);
     return queued;
 }
 
 void Node::on_frame(const CanFrame& frame, IsoTpTime now, std::vector<CanFrame>& out,
                     std::vector<ReceivedMessage>& messages) {
-    ++frames_in_;
+    State& s = *state_;
+    ++s.frames_in;
     const std::optional<MappedId> id = frame.extended ? decode_id(frame.id) : std::nullopt;
-    const bool for_us = id && id->direction == incoming() &&
-                        (role_ == Role::host || !serves_ || serves_(id->address));
+    const bool for_us = id && id->direction == s.incoming() &&
+                        (s.role == Role::host || !s.serves || s.serves(id->address));
     if (!for_us) {
-        ++foreign_frames_;
+        ++s.foreign_frames;
         return;
     }
     if (is_flow_control(frame)) {
         // Flow control on a reply identifier paces the command we send to
         // that address, and the other way round.
-        sender_for(id->address).on_flow_control(frame, now, out);
-        retire_sender_if_idle(id->address);
+        const uint32_t slot = s.sender_index.find(static_cast<uint32_t>(id->address));
+        if (slot == NO_SLOT) {
+            // Nobody waits for it; a frame too short to be one breaks the protocol.
+            ++(frame.len < 3 ? s.counters.segmentation_errors : s.counters.ignored_frames);
+            return;
+        }
+        s.senders[slot].sender.on_flow_control(frame, now, out);
+        s.after_sender(slot);
         return;
     }
-    std::optional<std::vector<uint8_t>> message = receiver_for(id->address, id->kind).on_frame(frame, now, out);
-    retire_receiver_if_idle({id->address, id->kind});
-    if (message) messages.push_back({id->address, id->kind, std::move(*message)});
+    uint32_t slot = s.receiver_index.find(receiver_key(id->address, id->kind));
+    if (slot == NO_SLOT && opens_message(frame)) {
+        slot = s.acquire_receiver(id->address, id->kind, now);
+        if (slot == NO_SLOT) return;  // ignored: no room for a peer not yet known
+    }
+    if (slot == NO_SLOT) {
+        if (s.unbound.accept(frame, now, out)) s.deliver(id->address, id->kind, s.unbound.message(), messages);
+        return;
+    }
+    IsoTpReceiver& receiver = s.receivers[slot].receiver;
+    if (receiver.accept(frame, now, out)) s.deliver(id->address, id->kind, receiver.message(), messages);
+    s.after_receiver(slot);
 }
 
 void Node::on_time(IsoTpTime now, std::vector<CanFrame>& out) {
-    std::vector<int> senders_done;
-    for (auto& [address, sender] : senders_) {
-        sender.on_time(now, out);
-        if (sender.idle()) senders_done.push_back(address);
+    State& s = *state_;
+    while (!s.deadlines.empty() && s.deadlines.earliest() <= now) {
+        const uint32_t timer = s.deadlines.earliest_id();
+        const uint32_t slot = timer / 2;
+        if (timer % 2 == 0) {
+            s.senders[slot].sender.on_time(now, out);
+            s.after_sender(slot);
+        } else {
+            s.receivers[slot].receiver.on_time(now);
+            s.after_receiver(slot);
+        }
     }
-    for (const int address : senders_done) retire_sender_if_idle(address);
-    std::vector<ReceiverKey> receivers_done;
-    for (auto& [key, receiver] : receivers_) {
-        receiver.on_time(now);
-        if (!receiver.receiving()) receivers_done.push_back(key);
-    }
-    for (const ReceiverKey& key : receivers_done) retire_receiver_if_idle(key);
 }
 
 std::optional<IsoTpTime> Node::deadline() const {
-    std::optional<IsoTpTime> earliest;
-    for (const auto& [address, sender] : senders_) take_earlier(earliest, sender.deadline());
-    for (const auto& [key, receiver] : receivers_) take_earlier(earliest, receiver.deadline());
-    return earliest;
+    if (state_->deadlines.empty()) return std::nullopt;
+    return state_->deadlines.earliest();
 }
 
 void Node::abandon_sending() {
-    for (auto& [address, sender] : senders_) {
-        sender.abandon();
-        retired_ += sender.counters();
+    State& s = *state_;
+    for (uint32_t slot = 0; slot < s.senders.size(); ++slot) {
+        if (s.senders[slot].address < 0) continue;
+        s.senders[slot].sender.abandon();
+        s.after_sender(slot);
     }
-    senders_.clear();
 }
 
 NodeCounters Node::counters() const {
     NodeCounters total;
-    total.isotp = retired_;
-    for (const auto& [address, sender] : senders_) total.isotp += sender.counters();
-    for (const auto& [key, receiver] : receivers_) total.isotp += receiver.counters();
-    total.frames_in = frames_in_;
-    total.foreign_frames = foreign_frames_;
+    total.isotp = state_->counters;
+    total.frames_in = state_->frames_in;
+    total.foreign_frames = state_->foreign_frames;
     return total;
 }
+
+std::size_t Node::open_senders() const { return state_->senders.size() - state_->free_senders.size(); }
+std::size_t Node::open_receptions() const { return state_->receivers.size() - state_->free_receivers.size(); }
 
 }  // namespace ocp_api::can

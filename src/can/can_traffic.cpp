@@ -22,6 +22,10 @@ IsoTpOptions monitor_options() { return IsoTpOptions{}; }
 // nothing did.
 std::string what_broke(const IsoTpCounters& before, const IsoTpCounters& after) {
     if (after.timeouts > before.timeouts) return "message cut short: its next frame did not come in time";
+    if (after.receptions_refused > before.receptions_refused)
+        return "first frame ignored: too many messages half-received at once";
+    if (after.receptions_evicted > before.receptions_evicted)
+        return "message cut short: dropped to make room for a known sender";
     if (after.overflows > before.overflows) return "first frame announces more than 4095 bytes";
     if (after.segmentation_errors > before.segmentation_errors) {
         return after.dropped > before.dropped ? "segmentation broken: the half-received message is dropped"

@@ -42,16 +42,16 @@ std::size_t tx_data_length(const IsoTpOptions& options) {
     return options.fd ? options.fd_data_length : CLASSIC_LENGTH;
 }
 
-// A frame on `id` carrying `payload`, filled up with ISOTP_PADDING to 8 bytes
-// (classic) or to the next CAN-FD length.
-CanFrame padded_frame(uint32_t id, bool fd, const std::vector<uint8_t>& payload) {
-    CanFrame frame;
+// Starts a frame on `id` of the length the options give a frame carrying
+// `payload_size` bytes: 8 on classic CAN, the next CAN-FD length otherwise,
+// filled with ISOTP_PADDING; the caller writes the payload.
+CanFrame& start_frame(std::vector<CanFrame>& out, uint32_t id, bool fd, std::size_t payload_size) {
+    CanFrame& frame = out.emplace_back();
     frame.id = id;
     frame.extended = true;
     frame.fd = fd;
-    frame.len = fd ? fd_frame_length(payload.size()) : static_cast<uint8_t>(CLASSIC_LENGTH);
+    frame.len = fd ? fd_frame_length(payload_size) : static_cast<uint8_t>(CLASSIC_LENGTH);
     std::fill(frame.data.begin(), frame.data.begin() + frame.len, ISOTP_PADDING);
-    std::copy(payload.begin(), payload.end(), frame.data.begin());
     return frame;
 }
 
@@ -66,6 +66,13 @@ IsoTpCounters& IsoTpCounters::operator+=(const IsoTpCounters& other) {
     overflows += other.overflows;
     dropped += other.dropped;
     ignored_frames += other.ignored_frames;
+    superseded += other.superseded;
+    expired += other.expired;
+    cancelled += other.cancelled;
+    preempted += other.preempted;
+    queue_full += other.queue_full;
+    receptions_refused += other.receptions_refused;
+    receptions_evicted += other.receptions_evicted;
     return *this;
 }
 
@@ -92,67 +99,187 @@ std::size_t single_frame_capacity(const IsoTpOptions& options) {
 
 bool is_flow_control(const CanFrame& frame) { return frame.len > 0 && pci_of(frame) == Pci::flow_control; }
 
+bool fits_single_frame(std::size_t size, const IsoTpOptions& options) {
+    return size <= single_frame_capacity(options);
+}
+
+void append_single_frame(uint32_t tx_id, const uint8_t* data, std::size_t size, const IsoTpOptions& options,
+                         std::vector<CanFrame>& out) {
+    // Up to 7 bytes the length fits the low nibble even on CAN-FD, so the
+    // frame stays 8 bytes long; longer ones use the escape form.
+    const std::size_t header = size <= SHORT_SF_MAX ? SF_HEADER : SF_ESCAPE_HEADER;
+    CanFrame& frame = start_frame(out, tx_id, options.fd, header + size);
+    if (header == SF_HEADER) {
+        frame.data[0] = pci_byte(Pci::single, static_cast<uint8_t>(size));
+    } else {
+        frame.data[0] = pci_byte(Pci::single, 0);
+        frame.data[1] = static_cast<uint8_t>(size);
+    }
+    std::copy(data, data + size, frame.data.begin() + static_cast<std::ptrdiff_t>(header));
+}
+
 // --- IsoTpSender ---------------------------------------------------------------
 
-IsoTpSender::IsoTpSender(IsoTpOptions options) : options_(options) { validate(options_); }
+IsoTpSender::IsoTpSender(IsoTpOptions options, IsoTpCounters* shared)
+    : options_(options), counters_(shared ? shared : &own_counters_), slots_(options.queue_limit + 2) {
+    validate(options_);
+}
 
-bool IsoTpSender::queue(uint32_t tx_id, std::vector<uint8_t> message, IsoTpTime now, std::vector<CanFrame>& out) {
-    if (message.empty() || message.size() > ISOTP_MAX_MESSAGE) return false;
-    queue_.push_back({tx_id, std::move(message)});
+IsoTpSender::IsoTpSender(IsoTpSender&& other) noexcept
+    : options_(other.options_),
+      own_counters_(other.own_counters_),
+      counters_(other.counters_ == &other.own_counters_ ? &own_counters_ : other.counters_),
+      slots_(std::move(other.slots_)),
+      waiting_(other.waiting_),
+      state_(other.state_),
+      message_(std::move(other.message_)),
+      sent_(other.sent_),
+      sequence_(other.sequence_),
+      block_left_(other.block_left_),
+      gap_(other.gap_),
+      next_time_(other.next_time_),
+      waits_in_row_(other.waits_in_row_) {
+    other.waiting_ = 0;
+    other.state_ = State::idle;
+}
+
+bool IsoTpSender::queue(uint32_t tx_id, const uint8_t* data, std::size_t size, MessageClass message_class,
+                        IsoTpTime now, std::vector<CanFrame>& out) {
+    if (size == 0 || size > ISOTP_MAX_MESSAGE) return false;
+    if (message_class == MessageClass::safety) {
+        preempt_for_safety();
+    } else if (message_class == MessageClass::setpoint) {
+        replace_waiting_setpoint(tx_id, data[0]);
+    }
+    // The spare slot is kept for a safety message.
+    if (message_class != MessageClass::safety && waiting_ >= options_.queue_limit) {
+        ++counters_->queue_full;
+        return false;
+    }
+    push_back(tx_id, data, size, message_class, now);
+    if (message_class == MessageClass::safety) {
+        // Ahead of whatever was put back in the queue by preempt_for_safety().
+        std::rotate(slots_.begin(), slots_.begin() + static_cast<std::ptrdiff_t>(waiting_ - 1),
+                    slots_.begin() + static_cast<std::ptrdiff_t>(waiting_));
+    }
     if (state_ == State::idle) start_next(now, out);
     return true;
 }
 
-bool IsoTpSender::idle() const { return state_ == State::idle && queue_.empty(); }
-
-CanFrame IsoTpSender::frame_with(const std::vector<uint8_t>& payload) const {
-    return padded_frame(message_.tx_id, options_.fd, payload);
+// A safety message (STOP) must be the next thing the peer receives: the
+// message in progress is abandoned (the peer drops a half-received message
+// when a new single frame arrives) and put back to go again from its start
+// unless it is motion or a setpoint, which the safety message overrides, as it
+// does the ones waiting.
+void IsoTpSender::preempt_for_safety() {
+    for (std::size_t i = waiting_; i-- > 0;) {
+        const MessageClass waiting_class = slots_[i].message_class;
+        if (waiting_class == MessageClass::motion || waiting_class == MessageClass::setpoint) {
+            remove_waiting(i);
+            ++counters_->cancelled;
+        }
+    }
+    if (state_ == State::idle) return;
+    ++counters_->preempted;
+    const MessageClass current = message_.message_class;
+    if (current == MessageClass::motion || current == MessageClass::setpoint) {
+        ++counters_->cancelled;
+    } else {
+        push_front(message_);
+    }
+    finish_message();
 }
 
-// Sends queued messages that fit a single frame, up to the first that needs
-// segmenting, whose first frame then waits for flow control.
+// Latest wins: a waiting setpoint with the same code is dropped, and the new
+// one joins the back of the queue, so everything else keeps the order in
+// which it was sent.
+bool IsoTpSender::replace_waiting_setpoint(uint32_t tx_id, uint8_t code) {
+    for (std::size_t i = 0; i < waiting_; ++i) {
+        const Outgoing& slot = slots_[i];
+        if (slot.message_class == MessageClass::setpoint && slot.tx_id == tx_id && slot.bytes[0] == code) {
+            remove_waiting(i);
+            ++counters_->superseded;
+            return true;
+        }
+    }
+    return false;
+}
+
+void IsoTpSender::push_back(uint32_t tx_id, const uint8_t* data, std::size_t size, MessageClass message_class,
+                            IsoTpTime now) {
+    Outgoing& slot = slots_[waiting_++];
+    slot.tx_id = tx_id;
+    slot.message_class = message_class;
+    slot.queued_at = now;
+    slot.bytes.assign(data, data + size);  // reuses the slot's buffer
+}
+
+// Puts `message` (its buffer swapped in) first in the queue.
+void IsoTpSender::push_front(Outgoing& message) {
+    std::swap(slots_[waiting_], message);
+    ++waiting_;
+    std::rotate(slots_.begin(), slots_.begin() + static_cast<std::ptrdiff_t>(waiting_ - 1),
+                slots_.begin() + static_cast<std::ptrdiff_t>(waiting_));
+}
+
+// Takes slot `index` out of the queue; its buffer moves behind the waiting ones.
+void IsoTpSender::remove_waiting(std::size_t index) {
+    std::rotate(slots_.begin() + static_cast<std::ptrdiff_t>(index),
+                slots_.begin() + static_cast<std::ptrdiff_t>(index + 1),
+                slots_.begin() + static_cast<std::ptrdiff_t>(waiting_));
+    --waiting_;
+}
+
+bool IsoTpSender::idle() const { return state_ == State::idle && waiting_ == 0; }
+
+CanFrame& IsoTpSender::next_frame(std::vector<CanFrame>& out) const {
+    ++counters_->frames_out;
+    return start_frame(out, message_.tx_id, options_.fd, tx_data_length(options_));
+}
+
+// Sends waiting messages that fit a single frame, up to the first that needs
+// segmenting, whose first frame then waits for flow control. Setpoints that
+// waited too long are dropped on the way.
 void IsoTpSender::start_next(IsoTpTime now, std::vector<CanFrame>& out) {
-    while (state_ == State::idle && !queue_.empty()) {
-        message_ = std::move(queue_.front());
-        queue_.pop_front();
-        const std::vector<uint8_t>& bytes = message_.bytes;
-        std::vector<uint8_t> payload;
-        if (bytes.size() <= single_frame_capacity(options_)) {
-            // Up to 7 bytes the length fits the low nibble even on CAN-FD, so
-            // the frame stays 8 bytes long; longer ones use the escape form.
-            if (bytes.size() <= SHORT_SF_MAX) {
-                payload.push_back(pci_byte(Pci::single, static_cast<uint8_t>(bytes.size())));
-            } else {
-                payload.push_back(pci_byte(Pci::single, 0));
-                payload.push_back(static_cast<uint8_t>(bytes.size()));
-            }
-            payload.insert(payload.end(), bytes.begin(), bytes.end());
-            out.push_back(frame_with(payload));
-            ++counters_.frames_out;
-            ++counters_.messages_out;
+    while (state_ == State::idle && waiting_ > 0) {
+        std::swap(message_, slots_[0]);
+        remove_waiting(0);
+        if (message_.message_class == MessageClass::setpoint && now - message_.queued_at > options_.setpoint_max_age) {
+            ++counters_->expired;
             continue;
         }
-        const auto length = static_cast<uint16_t>(bytes.size());
-        payload.push_back(pci_byte(Pci::first, static_cast<uint8_t>(length >> 8)));
-        payload.push_back(static_cast<uint8_t>(length & 0xFF));
-        sent_ = tx_data_length(options_) - FF_HEADER;
-        payload.insert(payload.end(), bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(sent_));
-        out.push_back(frame_with(payload));
-        ++counters_.frames_out;
-        sequence_ = 1;
-        waits_in_row_ = 0;
-        state_ = State::waiting_for_flow_control;
-        next_time_ = now + options_.n_bs;
+        const std::vector<uint8_t>& bytes = message_.bytes;
+        if (fits_single_frame(bytes.size(), options_)) {
+            append_single_frame(message_.tx_id, bytes.data(), bytes.size(), options_, out);
+            ++counters_->frames_out;
+            ++counters_->messages_out;
+            continue;
+        }
+        start_first_frame(now, out);
     }
+}
+
+void IsoTpSender::start_first_frame(IsoTpTime now, std::vector<CanFrame>& out) {
+    const std::vector<uint8_t>& bytes = message_.bytes;
+    const auto length = static_cast<uint16_t>(bytes.size());
+    CanFrame& frame = next_frame(out);
+    frame.data[0] = pci_byte(Pci::first, static_cast<uint8_t>(length >> 8));
+    frame.data[1] = static_cast<uint8_t>(length & 0xFF);
+    sent_ = tx_data_length(options_) - FF_HEADER;
+    std::copy(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(sent_), frame.data.begin() + FF_HEADER);
+    sequence_ = 1;
+    waits_in_row_ = 0;
+    state_ = State::waiting_for_flow_control;
+    next_time_ = now + options_.n_bs;
 }
 
 void IsoTpSender::on_flow_control(const CanFrame& frame, IsoTpTime now, std::vector<CanFrame>& out) {
     if (frame.len < FC_LENGTH || pci_of(frame) != Pci::flow_control) {
-        ++counters_.segmentation_errors;
+        ++counters_->segmentation_errors;
         return;
     }
     if (state_ != State::waiting_for_flow_control) {
-        ++counters_.ignored_frames;
+        ++counters_->ignored_frames;
         return;
     }
     switch (static_cast<FlowStatus>(low_nibble(frame.data[0]))) {
@@ -173,12 +300,12 @@ void IsoTpSender::on_flow_control(const CanFrame& frame, IsoTpTime now, std::vec
         }
         return;
     case FlowStatus::overflow:
-        ++counters_.overflows;
+        ++counters_->overflows;
         give_up();
         start_next(now, out);
         return;
     }
-    ++counters_.segmentation_errors;  // a flow status the standard does not define
+    ++counters_->segmentation_errors;  // a flow status the standard does not define
     give_up();
     start_next(now, out);
 }
@@ -188,15 +315,21 @@ void IsoTpSender::send_consecutive_frames(IsoTpTime now, std::vector<CanFrame>& 
     while (state_ == State::sending_block && now >= next_time_) {
         const std::vector<uint8_t>& bytes = message_.bytes;
         const std::size_t take = std::min(per_frame, bytes.size() - sent_);
-        std::vector<uint8_t> payload{pci_byte(Pci::consecutive, sequence_)};
+        // The last frame is only as long as it needs to be (on CAN-FD).
+        CanFrame& frame = out.emplace_back();
+        ++counters_->frames_out;
+        frame.id = message_.tx_id;
+        frame.extended = true;
+        frame.fd = options_.fd;
+        frame.len = options_.fd ? fd_frame_length(CF_HEADER + take) : static_cast<uint8_t>(CLASSIC_LENGTH);
+        std::fill(frame.data.begin(), frame.data.begin() + frame.len, ISOTP_PADDING);
+        frame.data[0] = pci_byte(Pci::consecutive, sequence_);
         const auto from = bytes.begin() + static_cast<std::ptrdiff_t>(sent_);
-        payload.insert(payload.end(), from, from + static_cast<std::ptrdiff_t>(take));
-        out.push_back(frame_with(payload));
-        ++counters_.frames_out;
+        std::copy(from, from + static_cast<std::ptrdiff_t>(take), frame.data.begin() + CF_HEADER);
         sent_ += take;
         sequence_ = static_cast<uint8_t>((sequence_ + 1) & SEQUENCE_MASK);
         if (sent_ == bytes.size()) {
-            ++counters_.messages_out;
+            ++counters_->messages_out;
             finish_message();
             start_next(now, out);
             return;
@@ -212,7 +345,7 @@ void IsoTpSender::send_consecutive_frames(IsoTpTime now, std::vector<CanFrame>& 
 
 void IsoTpSender::on_time(IsoTpTime now, std::vector<CanFrame>& out) {
     if (state_ == State::waiting_for_flow_control && now >= next_time_) {
-        ++counters_.timeouts;
+        ++counters_->timeouts;
         give_up();
         start_next(now, out);
     }
@@ -226,79 +359,111 @@ std::optional<IsoTpTime> IsoTpSender::deadline() const {
 
 void IsoTpSender::finish_message() {
     state_ = State::idle;
-    message_ = {};
     sent_ = 0;
 }
 
 void IsoTpSender::give_up() {
-    ++counters_.dropped;
+    ++counters_->dropped;
     finish_message();
 }
 
 void IsoTpSender::abandon() {
     if (state_ != State::idle) give_up();
-    counters_.dropped += queue_.size();
-    queue_.clear();
+    counters_->dropped += waiting_;
+    waiting_ = 0;
 }
 
 // --- IsoTpReceiver -------------------------------------------------------------
 
-IsoTpReceiver::IsoTpReceiver(uint32_t fc_id, IsoTpOptions options) : fc_id_(fc_id), options_(options) {
+bool single_frame_payload(const CanFrame& frame, const uint8_t*& data, std::size_t& size) {
+    if (frame.len == 0 || frame.len > CanFrame::MAX_DATA || pci_of(frame) != Pci::single) return false;
+    // Up to 8 bytes the length is in the low nibble; longer (CAN-FD) frames
+    // carry 0 there and the length in the next byte.
+    std::size_t length = low_nibble(frame.data[0]);
+    std::size_t header = SF_HEADER;
+    if (frame.len > CLASSIC_LENGTH) {
+        if (length != 0) return false;
+        length = frame.data[1];
+        header = SF_ESCAPE_HEADER;
+    }
+    if (length == 0 || length > frame.len - header) return false;
+    data = frame.data.data() + header;
+    size = length;
+    return true;
+}
+
+IsoTpReceiver::IsoTpReceiver(uint32_t fc_id, IsoTpOptions options, IsoTpCounters* shared)
+    : fc_id_(fc_id), options_(options), counters_(shared ? shared : &own_counters_) {
     validate(options_);
 }
 
-std::optional<std::vector<uint8_t>> IsoTpReceiver::on_frame(const CanFrame& frame, IsoTpTime now,
-                                                            std::vector<CanFrame>& out) {
+IsoTpReceiver::IsoTpReceiver(IsoTpReceiver&& other) noexcept
+    : fc_id_(other.fc_id_),
+      options_(other.options_),
+      own_counters_(other.own_counters_),
+      counters_(other.counters_ == &other.own_counters_ ? &own_counters_ : other.counters_),
+      receiving_(other.receiving_),
+      message_(std::move(other.message_)),
+      expected_(other.expected_),
+      frame_length_(other.frame_length_),
+      sequence_(other.sequence_),
+      block_left_(other.block_left_),
+      deadline_(other.deadline_) {
+    other.receiving_ = false;
+}
+
+bool IsoTpReceiver::accept(const CanFrame& frame, IsoTpTime now, std::vector<CanFrame>& out) {
     if (frame.len == 0 || frame.len > CanFrame::MAX_DATA) {
-        ++counters_.segmentation_errors;
-        return std::nullopt;
+        ++counters_->segmentation_errors;
+        return false;
     }
     switch (pci_of(frame)) {
     case Pci::single:
         return on_single_frame(frame);
     case Pci::first:
         on_first_frame(frame, now, out);
-        return std::nullopt;
+        return false;
     case Pci::consecutive:
         return on_consecutive_frame(frame, now, out);
     case Pci::flow_control:
-        ++counters_.ignored_frames;
-        return std::nullopt;
+        ++counters_->ignored_frames;
+        return false;
     }
-    ++counters_.segmentation_errors;  // PCI types 4..15 are reserved
-    return std::nullopt;
+    ++counters_->segmentation_errors;  // PCI types 4..15 are reserved
+    return false;
+}
+
+std::optional<std::vector<uint8_t>> IsoTpReceiver::on_frame(const CanFrame& frame, IsoTpTime now,
+                                                            std::vector<CanFrame>& out) {
+    if (!accept(frame, now, out)) return std::nullopt;
+    return message_;
+}
+
+void IsoTpReceiver::drop() {
+    if (!receiving_) return;
+    ++counters_->dropped;
+    receiving_ = false;
+    message_.clear();
 }
 
 // A new single or first frame ends a half-received message: the peer gave it up.
 void IsoTpReceiver::drop_partial() {
     if (!receiving_) return;
-    ++counters_.segmentation_errors;
-    ++counters_.dropped;
-    receiving_ = false;
-    message_.clear();
+    ++counters_->segmentation_errors;
+    drop();
 }
 
-std::optional<std::vector<uint8_t>> IsoTpReceiver::on_single_frame(const CanFrame& frame) {
+bool IsoTpReceiver::on_single_frame(const CanFrame& frame) {
     drop_partial();
-    // Up to 8 bytes the length is in the low nibble; longer (CAN-FD) frames
-    // carry 0 there and the length in the next byte.
-    std::size_t length = low_nibble(frame.data[0]);
-    std::size_t header = SF_HEADER;
-    if (frame.len > CLASSIC_LENGTH) {
-        if (length != 0) {
-            ++counters_.segmentation_errors;
-            return std::nullopt;
-        }
-        length = frame.data[1];
-        header = SF_ESCAPE_HEADER;
+    const uint8_t* data = nullptr;
+    std::size_t size = 0;
+    if (!single_frame_payload(frame, data, size)) {
+        ++counters_->segmentation_errors;
+        return false;
     }
-    if (length == 0 || length > frame.len - header) {
-        ++counters_.segmentation_errors;
-        return std::nullopt;
-    }
-    ++counters_.messages_in;
-    const auto from = frame.data.begin() + static_cast<std::ptrdiff_t>(header);
-    return std::vector<uint8_t>(from, from + static_cast<std::ptrdiff_t>(length));
+    ++counters_->messages_in;
+    message_.assign(data, data + size);
+    return true;
 }
 
 void IsoTpReceiver::on_first_frame(const CanFrame& frame, IsoTpTime now, std::vector<CanFrame>& out) {
@@ -306,7 +471,7 @@ void IsoTpReceiver::on_first_frame(const CanFrame& frame, IsoTpTime now, std::ve
     // The first frame fixes the frame length of the message (RX_DL): 8, or a
     // CAN-FD length.
     if (frame.len < CLASSIC_LENGTH || !is_valid_frame_length(frame.len, frame.fd)) {
-        ++counters_.segmentation_errors;
+        ++counters_->segmentation_errors;
         return;
     }
     std::size_t length = (static_cast<std::size_t>(low_nibble(frame.data[0])) << 8) | frame.data[1];
@@ -316,14 +481,14 @@ void IsoTpReceiver::on_first_frame(const CanFrame& frame, IsoTpTime now, std::ve
                  (static_cast<std::size_t>(frame.data[4]) << 8) | frame.data[5];
         header = FF_ESCAPE_HEADER;
         if (length > ISOTP_MAX_MESSAGE) {
-            ++counters_.overflows;
+            ++counters_->overflows;
             send_flow_control(static_cast<uint8_t>(FlowStatus::overflow), out);
             return;
         }
     }
     const std::size_t in_first = frame.len - header;
     if (length <= in_first) {  // would have fitted without segmenting
-        ++counters_.segmentation_errors;
+        ++counters_->segmentation_errors;
         return;
     }
     const auto from = frame.data.begin() + static_cast<std::ptrdiff_t>(header);
@@ -337,50 +502,47 @@ void IsoTpReceiver::on_first_frame(const CanFrame& frame, IsoTpTime now, std::ve
     send_flow_control(static_cast<uint8_t>(FlowStatus::continue_to_send), out);
 }
 
-std::optional<std::vector<uint8_t>> IsoTpReceiver::on_consecutive_frame(const CanFrame& frame, IsoTpTime now,
-                                                                        std::vector<CanFrame>& out) {
+bool IsoTpReceiver::on_consecutive_frame(const CanFrame& frame, IsoTpTime now, std::vector<CanFrame>& out) {
     if (!receiving_) {
-        ++counters_.ignored_frames;
-        return std::nullopt;
+        ++counters_->ignored_frames;
+        return false;
     }
     const std::size_t take = std::min(frame_length_ - CF_HEADER, expected_ - message_.size());
     const bool bad_sequence = low_nibble(frame.data[0]) != sequence_;
     const bool bad_length = frame.len > frame_length_ || frame.len - CF_HEADER < take;
     if (bad_sequence || bad_length) {
-        ++counters_.segmentation_errors;
-        ++counters_.dropped;
-        receiving_ = false;
-        message_.clear();
-        return std::nullopt;
+        ++counters_->segmentation_errors;
+        drop();
+        return false;
     }
     const auto from = frame.data.begin() + static_cast<std::ptrdiff_t>(CF_HEADER);
     message_.insert(message_.end(), from, from + static_cast<std::ptrdiff_t>(take));
     sequence_ = static_cast<uint8_t>((sequence_ + 1) & SEQUENCE_MASK);
     if (message_.size() == expected_) {
         receiving_ = false;
-        ++counters_.messages_in;
-        return std::move(message_);
+        ++counters_->messages_in;
+        return true;
     }
     deadline_ = now + options_.n_cr;
     if (options_.block_size > 0 && --block_left_ == 0) {
         block_left_ = options_.block_size;
         send_flow_control(static_cast<uint8_t>(FlowStatus::continue_to_send), out);
     }
-    return std::nullopt;
+    return false;
 }
 
 void IsoTpReceiver::send_flow_control(uint8_t status, std::vector<CanFrame>& out) {
-    const std::vector<uint8_t> payload{pci_byte(Pci::flow_control, status), options_.block_size, options_.st_min};
-    out.push_back(padded_frame(fc_id_, options_.fd, payload));
-    ++counters_.frames_out;
+    CanFrame& frame = start_frame(out, fc_id_, options_.fd, FC_LENGTH);
+    frame.data[0] = pci_byte(Pci::flow_control, status);
+    frame.data[1] = options_.block_size;
+    frame.data[2] = options_.st_min;
+    ++counters_->frames_out;
 }
 
 void IsoTpReceiver::on_time(IsoTpTime now) {
     if (receiving_ && now >= deadline_) {
-        ++counters_.timeouts;
-        ++counters_.dropped;
-        receiving_ = false;
-        message_.clear();
+        ++counters_->timeouts;
+        drop();
     }
 }
 

@@ -198,5 +198,25 @@ bool is_valid_device_address(int address) {
     return address >= MIN_DEVICE_ADDRESS && address <= MAX_DEVICE_ADDRESS;
 }
 
+CommandClass command_class(uint8_t code) {
+    switch (static_cast<Command>(code)) {
+    case Command::STOP:
+        return CommandClass::safety;
+    case Command::START:
+        return CommandClass::motion;
+    case Command::SET_SETPOINT:
+    case Command::SET_SETPOINT_EXT:
+    case Command::SET_TORQUE_SETPOINT:
+    case Command::SET_SPEED_SETPOINT:
+    case Command::SET_POSITION_SETPOINT:
+    case Command::SET_IMPEDANCE_SETPOINT:
+    case Command::SET_SPEED_SETPOINT_INTERNAL:
+    case Command::SET_POSITION_SETPOINT_INTERNAL:
+        return CommandClass::setpoint;
+    default:
+        return CommandClass::ordinary;
+    }
+}
+
 }  // namespace wire
 }  // namespace ocp_api

@@ -22,6 +22,21 @@ bool stops_traffic(CanLinkState state) { return state == CanLinkState::bus_off |
 
 bool is_error_state(CanLinkState state) { return state != CanLinkState::active; }
 
+can::MessageClass message_class_of(const std::vector<uint8_t>& frame) {
+    if (frame.empty()) return can::MessageClass::ordinary;
+    switch (wire::command_class(frame[0])) {
+    case wire::CommandClass::safety:
+        return can::MessageClass::safety;
+    case wire::CommandClass::motion:
+        return can::MessageClass::motion;
+    case wire::CommandClass::setpoint:
+        return can::MessageClass::setpoint;
+    case wire::CommandClass::ordinary:
+        break;
+    }
+    return can::MessageClass::ordinary;
+}
+
 }  // namespace
 
 CanBus::CanBus(std::unique_ptr<CanLink> link, CanBusOptions options)
@@ -41,13 +56,17 @@ bool CanBus::send(int address, const std::vector<uint8_t>& frame) {
     if (address == wire::ADAPTER_ADDRESS) return answer_locally(address, frame);
     std::lock_guard<std::mutex> lock(mutex_);
     if (closed_ || stops_traffic(state_)) return false;
-    std::vector<CanFrame> out;
-    if (!node_.queue(address, 0, frame, Clock::now(), out)) return false;
-    const bool handed_over = std::all_of(out.begin(), out.end(), [this](const CanFrame& f) { return transmit_one(f); });
+    // Frames go to the link under the lock, as they are produced: a STOP's
+    // single frame is the next one the link gets.
+    send_frames_.clear();
+    const bool queued = node_.queue(address, 0, frame.data(), frame.size(), message_class_of(frame), Clock::now(),
+                                    send_frames_);
+    const bool handed_over = std::all_of(send_frames_.begin(), send_frames_.end(),
+                                         [this](const CanFrame& f) { return transmit_one(f); });
     // A segmented command now waits for flow control: the receive thread must
     // see its new deadline.
     if (node_.deadline()) link_->wake();
-    return handed_over;
+    return queued && handed_over;
 }
 
 // The adapter at address 0 is this transport itself: it answers a PING with
@@ -101,6 +120,13 @@ CanBusCounters CanBus::counters() const {
     counters.segmentation_errors = node.isotp.segmentation_errors;
     counters.timeouts = node.isotp.timeouts;
     counters.drops += node.isotp.dropped;
+    counters.superseded = node.isotp.superseded;
+    counters.expired = node.isotp.expired;
+    counters.cancelled = node.isotp.cancelled;
+    counters.preempted = node.isotp.preempted;
+    counters.queue_full = node.isotp.queue_full;
+    counters.receptions_refused = node.isotp.receptions_refused;
+    counters.receptions_evicted = node.isotp.receptions_evicted;
     return counters;
 }
 
