@@ -27,13 +27,23 @@ struct SimBusOptions {
     std::chrono::microseconds reply_latency{200};     // between a frame and its reply, 0..60 s
     double loss_rate = 0.0;                           // chance that any one frame or reply is lost, 0..1
     uint32_t seed = 1;                                // of the loss draw, for reproducible runs
+    // Commands waiting for the worker, per address; send() refuses more.
+    std::size_t queue_limit = 256;
+    // A setpoint that waited longer than this for the worker is dropped.
+    std::chrono::milliseconds setpoint_max_age{100};
 };
 
 struct SimBusCounters {
-    uint64_t frames_sent = 0;        // every send() while open
+    uint64_t frames_sent = 0;        // every send() accepted while open
     uint64_t frames_received = 0;    // frames that reached the bus (not lost)
     uint64_t frames_lost = 0;
     uint64_t frames_handled = 0;     // received frames the devices have read
+    // Received frames the devices never read, by the queueing rules (see the
+    // class comment); frames_handled plus these is frames_received.
+    uint64_t frames_superseded = 0;  // setpoints replaced by a newer one of the same command
+    uint64_t frames_cancelled = 0;   // START and setpoints overtaken by a STOP
+    uint64_t frames_expired = 0;     // setpoints that waited longer than setpoint_max_age
+    uint64_t queue_full = 0;         // send() refused: queue_limit commands already waiting for the address
     uint64_t replies_sent = 0;       // replies the devices produced
     uint64_t replies_delivered = 0;  // handed to a registered callback
     uint64_t replies_unclaimed = 0;  // no callback was registered for the address
@@ -47,7 +57,11 @@ struct SimBusCounters {
 // delivers every reply to the callback registered for the replying address: it
 // is the transport's receive thread, and callbacks run there. send() is safe
 // from any thread, callbacks included; frames reach a device in the order they
-// were sent. An emulated adapter answers pings at address 0.
+// were sent, with the queueing rules of the CAN transports: a STOP overtakes
+// every frame still waiting for the worker and cancels the START and
+// setpoints waiting for its address; a setpoint replaces a waiting one of the
+// same command for the same address; at most queue_limit frames wait per
+// address. An emulated adapter answers pings at address 0.
 //
 // The worker steps the devices through at most 0.1 s of simulated time per pass
 // and lets other threads have the bus between passes, so send(), counters() and
@@ -105,6 +119,7 @@ private:
     void handle_frame(int address, const std::vector<uint8_t>& frame, Clock::time_point now);
     void queue_reply(int address, std::vector<uint8_t> bytes, int kind, Clock::time_point due);
     bool draw_loss();
+    bool make_room(int address, const std::vector<uint8_t>& frame);
     Clock::time_point next_wake(Clock::time_point now) const;
 
     const SimBusOptions options_;

@@ -77,6 +77,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     ocp_fuzz::FuzzInput input(data, size);
     Seen seen;
     uint64_t frames = 0;
+    uint64_t refused = 0;
     {
         SimBus bus(options_from(input));
         bus.add_actuator(FIRST_DEVICE);
@@ -103,14 +104,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
             const std::vector<uint8_t> frame = input.bytes(input.byte() % (MAX_FRAME_BYTES + 1));
             if (selector & 0x80) seen.close_in_callback.store(true);
             const bool handed = bus.send(address, frame);
-            require(handed || seen.closing.load(), "send() succeeds until the bus is closed");
+            require(handed || seen.closing.load() || bus.counters().queue_full > refused,
+                    "send() succeeds until the bus is closed or the address's queue is full");
+            refused = bus.counters().queue_full;
             if (handed) ++frames;
             const auto counters = bus.counters();  // must not block behind the worker
             require(counters.frames_sent == frames, "every send() is counted");
         }
         require(wait_until([&] {
                     const auto counters = bus.counters();
-                    return seen.closing.load() || counters.frames_handled == counters.frames_received;
+                    return seen.closing.load() || counters.frames_handled + counters.frames_superseded +
+                                                                  counters.frames_cancelled + counters.frames_expired ==
+                                                              counters.frames_received;
                 }),
                 "the worker handles every frame it received");
 
@@ -123,7 +128,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         const auto counters = bus.counters();
         require(counters.frames_sent == counters.frames_received + counters.frames_lost,
                 "every frame sent is received or counted lost");
-        require(counters.frames_handled <= counters.frames_received, "only received frames are handled");
+        require(counters.frames_handled + counters.frames_superseded + counters.frames_cancelled +
+                        counters.frames_expired <=
+                    counters.frames_received,
+                "only received frames are handled, replaced, cancelled or expired");
         require(counters.replies_delivered == calls_at_close, "every delivered reply reached a callback");
         require(counters.replies_delivered + counters.replies_unclaimed + counters.replies_lost +
                         counters.replies_discarded ==

@@ -27,7 +27,7 @@ using P = OrreryActuator::OCP_Parameters;
 
 bool quiescent(const SimBus& bus) {
     const auto c = bus.counters();
-    return c.frames_handled == c.frames_received &&
+    return c.frames_handled + c.frames_superseded + c.frames_cancelled + c.frames_expired == c.frames_received &&
            c.replies_sent == c.replies_lost + c.replies_delivered + c.replies_unclaimed;
 }
 

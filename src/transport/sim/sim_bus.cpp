@@ -57,6 +57,15 @@ struct SimBus::Reply {
 struct SimBus::Inbound {
     int address;
     std::vector<uint8_t> frame;
+    wire::CommandClass command_class;
+    Clock::time_point queued_at;
+
+    bool is_setpoint_like(uint8_t code) const {
+        return command_class == wire::CommandClass::setpoint && frame[0] == code;
+    }
+    bool yields_to_stop() const {
+        return command_class == wire::CommandClass::motion || command_class == wire::CommandClass::setpoint;
+    }
 };
 
 // Frames waiting for the worker, and replies waiting for their due time (a
@@ -131,14 +140,53 @@ double SimBus::sim_time() const {
 bool SimBus::send(int address, const std::vector<uint8_t>& frame) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (closed_) return false;
+    if (!make_room(address, frame)) return false;
     ++counters_.frames_sent;
     if (draw_loss()) {
         ++counters_.frames_lost;
         return true;  // handed to the bus; the bus lost it
     }
     ++counters_.frames_received;
-    pending_->frames.push_back({address, frame});
+    Inbound inbound{address, frame, frame.empty() ? wire::CommandClass::ordinary : wire::command_class(frame.front()),
+                    Clock::now()};
+    // A STOP overtakes every frame still waiting, for any address.
+    if (inbound.command_class == wire::CommandClass::safety) {
+        pending_->frames.push_front(std::move(inbound));
+    } else {
+        pending_->frames.push_back(std::move(inbound));
+    }
     wake_.notify_all();
+    return true;
+}
+
+// The CAN transports' queueing rules, on the frames waiting for the worker.
+// Returns false when the frame is refused for a full queue.
+bool SimBus::make_room(int address, const std::vector<uint8_t>& frame) {
+    std::deque<Inbound>& frames = pending_->frames;
+    const auto for_address = [address](const Inbound& waiting) { return waiting.address == address; };
+    if (frame.empty()) return true;
+    const wire::CommandClass command_class = wire::command_class(frame.front());
+    if (command_class == wire::CommandClass::safety) {
+        const auto cancelled = std::remove_if(frames.begin(), frames.end(), [address](const Inbound& waiting) {
+            return waiting.address == address && waiting.yields_to_stop();
+        });
+        counters_.frames_cancelled += static_cast<uint64_t>(frames.end() - cancelled);
+        frames.erase(cancelled, frames.end());
+        return true;
+    }
+    if (command_class == wire::CommandClass::setpoint) {
+        const auto older = std::find_if(frames.begin(), frames.end(), [&](const Inbound& waiting) {
+            return waiting.address == address && waiting.is_setpoint_like(frame.front());
+        });
+        if (older != frames.end()) {
+            frames.erase(older);
+            ++counters_.frames_superseded;
+        }
+    }
+    if (static_cast<std::size_t>(std::count_if(frames.begin(), frames.end(), for_address)) >= options_.queue_limit) {
+        ++counters_.queue_full;
+        return false;
+    }
     return true;
 }
 
@@ -210,6 +258,10 @@ void SimBus::process_inbound(Clock::time_point now) {
     while (!pending_->frames.empty()) {
         const Inbound inbound = std::move(pending_->frames.front());
         pending_->frames.pop_front();
+        if (inbound.command_class == wire::CommandClass::setpoint && now - inbound.queued_at > options_.setpoint_max_age) {
+            ++counters_.frames_expired;
+            continue;
+        }
         handle_frame(inbound.address, inbound.frame, now);
         ++counters_.frames_handled;
     }

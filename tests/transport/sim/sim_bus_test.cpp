@@ -213,7 +213,9 @@ TEST(SimBus, SendAfterCloseFails) {
 }
 
 TEST(SimBus, CountersAccountForEveryFrameAndReply) {
-    SimBus bus(SimBusOptions{1.0, std::chrono::microseconds(0), 0.5, 7});
+    SimBusOptions options{1.0, std::chrono::microseconds(0), 0.5, 7};
+    options.queue_limit = 1000;  // all 400 may wait for the worker at once
+    SimBus bus(options);
     bus.add_actuator(0x21);
     std::atomic<int> delivered{0};
     bus.setCallback(0x21, [&](int, Bytes, int) { delivered.fetch_add(1); });
