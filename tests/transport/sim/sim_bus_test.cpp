@@ -354,3 +354,86 @@ TEST(SimBus, PhysicsAccessReachesTheDevicesModel) {
 }
 
 }  // namespace
+
+namespace {
+
+// Holds the simulated bus's worker inside the adapter's callback, so frames
+// sent meanwhile wait for it together.
+class HeldWorker {
+public:
+    explicit HeldWorker(SimBus& bus) : bus_(bus) {
+        bus_.setCallback(wire::ADAPTER_ADDRESS, [this](int, Bytes, int) {
+            std::unique_lock<std::mutex> lock(mutex_);
+            held_ = true;
+            changed_.notify_all();
+            changed_.wait(lock, [this] { return released_; });
+        });
+        EXPECT_TRUE(bus_.send(wire::ADAPTER_ADDRESS, {static_cast<uint8_t>(wire::Command::PING)}));
+        std::unique_lock<std::mutex> lock(mutex_);
+        EXPECT_TRUE(changed_.wait_for(lock, std::chrono::seconds(30), [this] { return held_; }));
+    }
+    void release() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            released_ = true;
+        }
+        changed_.notify_all();
+    }
+    ~HeldWorker() {
+        release();
+        bus_.removeCallback(wire::ADAPTER_ADDRESS);
+    }
+
+private:
+    SimBus& bus_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool held_ = false;
+    bool released_ = false;
+};
+
+Bytes command_bytes(wire::Command code, std::initializer_list<float> values = {}) {
+    Bytes bytes{static_cast<uint8_t>(code)};
+    for (const float value : values) append_float(bytes, value);
+    return bytes;
+}
+
+}  // namespace
+
+TEST(SimBus, AStopOvertakesWaitingFramesAndCancelsStartAndSetpoints) {
+    SimBus bus(SimBusOptions{1.0, std::chrono::microseconds(0)});
+    EmulatedActuator& device = bus.add_actuator(0x21);
+    {
+        HeldWorker worker(bus);
+        ASSERT_TRUE(bus.send(0x21, command_bytes(wire::Command::SET_MODE)));  // mode byte left out: refused by the device
+        ASSERT_TRUE(bus.send(0x21, command_bytes(wire::Command::START)));
+        for (int i = 0; i < 5; ++i)
+            ASSERT_TRUE(bus.send(0x21, command_bytes(wire::Command::SET_SETPOINT, {static_cast<float>(i)})));
+        ASSERT_TRUE(bus.send(0x22, command_bytes(wire::Command::START)));  // another address keeps its START
+        ASSERT_TRUE(bus.send(0x21, command_bytes(wire::Command::STOP)));
+        const SimBusCounters waiting = bus.counters();
+        EXPECT_EQ(waiting.frames_superseded, 4u);
+        EXPECT_EQ(waiting.frames_cancelled, 2u);  // the START and the last setpoint
+    }
+    ASSERT_TRUE(eventually([&] {
+        const auto c = bus.counters();
+        return c.frames_handled + c.frames_superseded + c.frames_cancelled == c.frames_received;
+    }));
+    EXPECT_EQ(bus.counters().frames_handled, 1u + 1u + 1u + 1u);  // ping, mode, 0x22's START, STOP
+    EXPECT_FALSE(device.physics()->is_running());
+}
+
+TEST(SimBus, EachAddressQueuesAtMostItsLimit) {
+    SimBusOptions options{1.0, std::chrono::microseconds(0)};
+    options.queue_limit = 3;
+    SimBus bus(options);
+    bus.add_actuator(0x21);
+    HeldWorker worker(bus);
+    const Bytes blink = command_bytes(wire::Command::BLINK);
+    for (int i = 0; i < 3; ++i) ASSERT_TRUE(bus.send(0x21, blink));
+    EXPECT_FALSE(bus.send(0x21, blink));
+    EXPECT_TRUE(bus.send(0x22, blink));
+    EXPECT_TRUE(bus.send(0x21, command_bytes(wire::Command::STOP))) << "a STOP is never refused";
+    EXPECT_EQ(bus.counters().queue_full, 1u);
+    EXPECT_EQ(bus.counters().frames_sent, 1u + 3u + 1u + 1u);
+}
