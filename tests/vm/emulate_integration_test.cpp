@@ -10,6 +10,20 @@
 #include <fstream>
 #include <sstream>
 
+#include <linux/can.h>
+#include <net/if.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <thread>
+
+#include "ocp_api/can_mapping.hpp"
+#include "ocp_api/orrery_actuator.hpp"
+#include "ocp_api/socketcan_bus.hpp"
+#include "ocp_api/socketcan_link.hpp"
 #include "vm/guest.hpp"
 
 namespace {
@@ -172,6 +186,136 @@ TEST_P(EmulateIntegration, SigtermEndsTheEmulator) {
     emulator_->signal(SIGTERM);
     emulator_->finish(10s);
     EXPECT_EQ(emulator_->exit_status(), 128 + SIGTERM);
+}
+
+// Watches the bus for the commands ocpctl sends to one device.
+class CommandWatcher {
+public:
+    CommandWatcher(const Medium& medium, int address) : address_(address) {
+        ocp_api::SocketCanLinkOptions options;
+        options.fd = medium.fd;
+        options.filters = {ocp_api::mapped_frames_filter(ocp_api::can::Direction::to_device)};
+        link_ = std::make_unique<ocp_api::SocketCanLink>(medium.interface(), options);
+    }
+    // Waits (at most 30 s) until a single-frame command starting with each
+    // of `heads` has been seen, in any order.
+    bool wait_for(std::vector<std::vector<uint8_t>> heads) {
+        const auto deadline = std::chrono::steady_clock::now() + 30s;
+        while (!heads.empty() && std::chrono::steady_clock::now() < deadline) {
+            const ocp_api::CanLinkEvent event = link_->receive(1s);
+            if (event.type != ocp_api::CanLinkEvent::Type::frame) continue;
+            if (event.frame.id != ocp_api::can::host_to_device_id(address_)) continue;
+            heads.erase(std::remove_if(heads.begin(), heads.end(),
+                                       [&](const std::vector<uint8_t>& head) {
+                                           return std::equal(head.begin(), head.end(), event.frame.data.begin());
+                                       }),
+                        heads.end());
+        }
+        return heads.empty();
+    }
+
+private:
+    int address_;
+    std::unique_ptr<ocp_api::SocketCanLink> link_;
+};
+
+const std::vector<uint8_t> STOP_COMMAND{0x01, 0x02};
+const std::vector<uint8_t> START_COMMAND{0x01, 0x01};
+const std::vector<uint8_t> FEEDBACK_RATE_SET{0x05, 0x06};
+const std::vector<uint8_t> FEEDBACK_RATE_OFF{0x05, 0x06, 0x00, 0x00, 0x00, 0x00};
+
+// A closed terminal (SIGHUP) or Ctrl-\ (SIGQUIT) ends move and stream like
+// Ctrl-C: the device is stopped and its stream switched off first.
+TEST_P(EmulateIntegration, HangupAndQuitLeaveTheDeviceStoppedAndSilent) {
+    start_emulator("0x21");
+    const std::vector<std::vector<std::string>> commands{
+        {"move", "0x21", "--mode", "speed", "--setpoint", "1", "--for", "60"},
+        {"stream", "0x21", "--items", "POS_FB_4C", "--rate", "100"},
+    };
+    for (const auto& command : commands) {
+        for (const int signal : {SIGHUP, SIGQUIT}) {
+            SCOPED_TRACE(command[0] + " signal " + std::to_string(signal));
+            CommandWatcher watcher(GetParam(), 0x21);
+            std::vector<std::string> args{OCPCTL, "--bus", GetParam().bus()};
+            args.insert(args.end(), command.begin(), command.end());
+            ocp_vm::Child child(args);
+            ASSERT_TRUE(watcher.wait_for({command[0] == "move" ? START_COMMAND : FEEDBACK_RATE_SET}));
+            child.signal(signal);
+            EXPECT_TRUE(watcher.wait_for({FEEDBACK_RATE_OFF, STOP_COMMAND})) << "streaming off and the STOP";
+            child.finish(30s);
+            EXPECT_EQ(child.exit_status(), 128 + signal);
+        }
+    }
+}
+
+// Floods first frames that announce messages never finished, on the reply
+// identifier of every address in turn, as fast as the guest allows, until
+// `seconds` have passed. In a child process.
+pid_t start_flood(const std::string& interface, double seconds) {
+    const pid_t pid = ::fork();
+    if (pid != 0) return pid;
+    const int raw = ::socket(PF_CAN, SOCK_RAW, CAN_RAW);
+    sockaddr_can address{};
+    address.can_family = AF_CAN;
+    address.can_ifindex = static_cast<int>(if_nametoindex(interface.c_str()));
+    if (raw < 0 || ::bind(raw, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) ::_exit(2);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    can_frame frame{};
+    frame.can_dlc = 8;
+    frame.data[0] = 0x1F;  // a first frame announcing 4095 bytes
+    frame.data[1] = 0xFF;
+    long sent = 0;
+    for (int device = 0x10; std::chrono::steady_clock::now() < end; device = device == 0x3FFE ? 0x10 : device + 1) {
+        frame.can_id = (0x00D04000u + static_cast<uint32_t>(device)) | CAN_EFF_FLAG;
+        if (::write(raw, &frame, sizeof frame) == static_cast<ssize_t>(sizeof frame)) ++sent;
+        else if (errno == ENOBUFS) ::usleep(100);
+    }
+    std::fprintf(stderr, "flood: %ld first frames in %.1f s\n", sent, seconds);
+    ::_exit(0);
+}
+
+// Four devices stream at 1 kHz while another process floods half-open first
+// frames on every address: the replies of the known devices still arrive.
+TEST_P(EmulateIntegration, AFloodOfHalfOpenMessagesLeavesFeedbackFlowing) {
+    start_emulator("0x21,0x22,0x23,0x24");
+    ocp_api::SocketCanBusOptions options;
+    options.fd = GetParam().fd;
+    ocp_api::SocketCanBus bus(GetParam().interface(), options);
+    std::atomic<long> replies{0};
+    std::vector<std::unique_ptr<ocp_api::OrreryActuator>> actuators;
+    using Items = ocp_api::OrreryActuator::OCP_Items;
+    for (int address = 0x21; address <= 0x24; ++address) {
+        auto actuator = std::make_unique<ocp_api::OrreryActuator>(bus, address);
+        ASSERT_TRUE(actuator->connect(5.0f)) << hex(address);
+        actuator->set_feedback_callback([&](int, ocp_api::OrreryActuator::FeedbackMap) { replies.fetch_add(1); });
+        actuator->setFeedbackItems({Items::POS_FB_4C, Items::SPD_FB_45, Items::T_FB_56, Items::ERRORS_90});
+        actuator->setFeedbackRate(1000);
+        actuators.push_back(std::move(actuator));
+    }
+    const auto count_over = [&](double seconds) {
+        const long before = replies.load();
+        const auto start = std::chrono::steady_clock::now();
+        std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+        const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+        return static_cast<double>(replies.load() - before) / elapsed.count();
+    };
+    count_over(0.5);  // streams settle
+    const double quiet_rate = count_over(2.0);
+    const pid_t flood = start_flood(GetParam().interface(), 5.0);
+    ASSERT_GT(flood, 0);
+    const double flooded_rate = count_over(5.0);
+    int status = 0;
+    ::waitpid(flood, &status, 0);
+    for (auto& actuator : actuators) actuator->setFeedbackRate(0);
+    const ocp_api::CanBusCounters c = bus.counters();
+    std::fprintf(stderr, "replies per second: %.0f quiet, %.0f flooded (%.1f %%); %llu first frames refused\n",
+                 quiet_rate, flooded_rate, 100.0 * flooded_rate / quiet_rate,
+                 static_cast<unsigned long long>(c.receptions_refused));
+    RecordProperty("flooded_feedback_percent", std::to_string(100.0 * flooded_rate / quiet_rate));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_GT(quiet_rate, 4000 * 0.5) << "four devices at 1 kHz stream before the flood";
+    EXPECT_GE(flooded_rate, 0.9 * quiet_rate);
+    EXPECT_GT(c.receptions_refused, 0u) << "the flood was seen and held off";
 }
 
 INSTANTIATE_TEST_SUITE_P(Vcan, EmulateIntegration, testing::Values(Medium{false}, Medium{true}), medium_name);

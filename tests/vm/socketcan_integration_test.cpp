@@ -432,6 +432,97 @@ TEST_P(SocketCanIntegration, ALostConsecutiveFrameDropsTheMessageAndIsCounted) {
     EXPECT_EQ(bus->counters().drops, 1u);
 }
 
+// A raw socket playing a device that receives segmented setpoints: it sees
+// the frames of commands in the order they reach the wire.
+class RawDevice {
+public:
+    explicit RawDevice(const Medium& medium) : fd_(medium.fd) {
+        SocketCanLinkOptions options;
+        options.fd = medium.fd;
+        link_ = std::make_unique<SocketCanLink>(medium.interface(), options);
+    }
+    // The next command frame for kDevice, or an empty frame after 10 s.
+    CanFrame next_command() {
+        for (;;) {
+            const CanLinkEvent event = link_->receive(10s);
+            if (event.type != CanLinkEvent::Type::frame) return {};
+            if (event.frame.id == can::host_to_device_id(kDevice)) return event.frame;
+        }
+    }
+    void flow_control(uint8_t status) {
+        CanFrame frame;
+        frame.id = can::device_to_host_id(kDevice, 0);
+        frame.fd = fd_;
+        frame.len = 8;
+        std::fill(frame.data.begin(), frame.data.begin() + 8, 0xCC);
+        frame.data[0] = static_cast<uint8_t>(0x30 | status);
+        frame.data[1] = 0;
+        frame.data[2] = 0;
+        ASSERT_EQ(link_->send_frame(frame), CanLink::SendResult::sent);
+    }
+
+private:
+    bool fd_;
+    std::unique_ptr<SocketCanLink> link_;
+};
+
+// A setpoint too long for one frame: on CAN-FD padded out beyond 62 bytes
+// (the device side here never reads it).
+std::vector<uint8_t> segmented_setpoint(bool fd, int value) {
+    std::vector<uint8_t> bytes{0x13};
+    for (int i = 0; i < 6; ++i) append_float(bytes, static_cast<float>(value));
+    if (fd) bytes.resize(100, 0);
+    return bytes;
+}
+
+bool is_stop(const CanFrame& frame) { return frame.len >= 2 && frame.data[0] == 0x01 && frame.data[1] == 0x02; }
+bool is_first_frame(const CanFrame& frame) { return frame.len >= 2 && (frame.data[0] >> 4) == 0x1; }
+
+class StopOnSocketCan : public SocketCanIntegration {
+protected:
+    void queue_thousand(SocketCanBus& bus) {
+        for (int i = 0; i < 1000; ++i) ASSERT_TRUE(bus.send(kDevice, segmented_setpoint(GetParam().fd, i)));
+    }
+};
+
+TEST_P(StopOnSocketCan, OvertakesAThousandSegmentedSetpointsToADeviceThatNeverAnswers) {
+    RawDevice device(GetParam());
+    auto bus = open_bus_here();
+    queue_thousand(*bus);
+    ASSERT_TRUE(bus->send(kDevice, {0x02}));
+    EXPECT_TRUE(is_first_frame(device.next_command()));
+    EXPECT_TRUE(is_stop(device.next_command())) << "the STOP is the next frame on the wire";
+    EXPECT_EQ(bus->counters().superseded, 998u);
+}
+
+TEST_P(StopOnSocketCan, OvertakesSetpointsHeldByFlowControlWait) {
+    RawDevice device(GetParam());
+    auto bus = open_bus_here();
+    queue_thousand(*bus);
+    EXPECT_TRUE(is_first_frame(device.next_command()));
+    device.flow_control(1);  // wait
+    ASSERT_TRUE(bus->send(kDevice, {0x02}));
+    EXPECT_TRUE(is_stop(device.next_command()));
+}
+
+TEST_P(StopOnSocketCan, AfterSilenceTheDeviceGetsTheLatestSetpointThenTheStop) {
+    RawDevice device(GetParam());
+    auto bus = open_bus_here();
+    queue_thousand(*bus);
+    EXPECT_TRUE(is_first_frame(device.next_command()));
+    device.flow_control(0);  // continue: setpoint 0 finishes, then the latest starts
+    CanFrame frame = device.next_command();
+    while (!is_first_frame(frame) && frame.len > 0) frame = device.next_command();
+    ASSERT_TRUE(is_first_frame(frame));
+    const std::vector<uint8_t> latest = segmented_setpoint(GetParam().fd, 999);
+    EXPECT_TRUE(std::equal(latest.begin(), latest.begin() + 4, frame.data.begin() + 2)) << "setpoint 999, not 1";
+    ASSERT_TRUE(bus->send(kDevice, {0x02}));
+    EXPECT_TRUE(is_stop(device.next_command()));
+    EXPECT_EQ(bus->counters().superseded, 998u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Vcan, StopOnSocketCan, testing::Values(Medium{false}, Medium{true}), medium_name);
+
 TEST_P(SocketCanIntegration, UnrelatedTrafficNeverReachesTheTransport) {
     auto devices = device_host_on(GetParam().interface(), GetParam().fd);
     devices->add_actuator(kDevice);

@@ -49,8 +49,10 @@ volatile std::sig_atomic_t raised_signal = 0;
 
 extern "C" void on_stop_signal(int signal_number) { raised_signal = signal_number; }
 
-struct sigaction previous_int {};
-struct sigaction previous_term {};
+// Every signal that ends a session the user can see: Ctrl-C, kill, a closed
+// terminal or dropped SSH session, Ctrl-\. Each stops the devices first.
+constexpr int STOP_SIGNALS[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+struct sigaction previous_actions[std::size(STOP_SIGNALS)] {};
 
 }  // namespace
 
@@ -190,13 +192,11 @@ StopSignal::StopSignal() {
     struct sigaction action {};
     action.sa_handler = on_stop_signal;
     sigemptyset(&action.sa_mask);
-    sigaction(SIGINT, &action, &previous_int);
-    sigaction(SIGTERM, &action, &previous_term);
+    for (std::size_t i = 0; i < std::size(STOP_SIGNALS); ++i) sigaction(STOP_SIGNALS[i], &action, &previous_actions[i]);
 }
 
 StopSignal::~StopSignal() {
-    sigaction(SIGINT, &previous_int, nullptr);
-    sigaction(SIGTERM, &previous_term, nullptr);
+    for (std::size_t i = 0; i < std::size(STOP_SIGNALS); ++i) sigaction(STOP_SIGNALS[i], &previous_actions[i], nullptr);
 }
 
 bool StopSignal::raised() { return raised_signal != 0; }

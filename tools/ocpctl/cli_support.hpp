@@ -108,7 +108,8 @@ bool connect_interruptibly(ocp_api::OrreryActuator& actuator, int address, float
 // Interruptible as connect_interruptibly.
 std::unique_ptr<ocp_api::OrreryActuator> connect_actuator(ocp_api::OCP& bus, int address, float timeout_s);
 
-// Ctrl-C and SIGTERM set a flag that long-running commands poll. A closed
+// Ctrl-C, SIGTERM, SIGHUP and SIGQUIT set a flag that long-running commands
+// poll; they leave the devices stopped and exit with 128 + the signal. A closed
 // output pipe is reported the same way (as SIGPIPE) by note_output_closed,
 // so a stream into `head` ends like one stopped by a signal, status 141.
 class StopSignal {

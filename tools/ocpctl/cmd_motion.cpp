@@ -372,7 +372,7 @@ void add_motion_commands(CLI::App& app, const GlobalOptions& global, Runner& run
         move->add_option("--for", options->seconds, "Seconds to run before stopping")->capture_default_str();
         move->add_option("--plot", options->plot, "Draw the move's position, speed and torque into a .png or .svg file");
         move->footer(
-            "The actuator is stopped when the time is up, on Ctrl-C and on SIGTERM.\n"
+            "The actuator is stopped when the time is up, on Ctrl-C, SIGTERM, SIGHUP and SIGQUIT.\n"
             "Examples:\n  ocpctl move 0x21 --mode position --setpoint 1.0\n"
             "  ocpctl move 0x21 --mode impedance --setpoint 0.5 --stiffness 40 --damping 8 --for 5");
         move->callback([&runner, &global, options] { runner = [&global, options] { return run_move(*options, global); }; });
