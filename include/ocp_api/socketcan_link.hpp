@@ -14,6 +14,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -77,7 +78,12 @@ private:
     bool interface_is_up() const;
     bool try_recover();
     CanLinkEvent read_one(bool& nothing_read);
+    bool refill_batch(bool& failed);
     CanLinkEvent state_event(CanLinkState state);
+
+    // Frames read ahead with one recvmmsg() and handed out one per receive(),
+    // so a busy bus costs one system call per batch, not two per frame.
+    struct Batch;
 
     const std::string interface_;
     const SocketCanLinkOptions options_;
@@ -87,6 +93,7 @@ private:
     CanLinkState reported_state_ = CanLinkState::active;  // receive thread only
     bool bound_ = false;                                   // receive thread only
     std::atomic<uint64_t> error_frames_{0};
+    std::unique_ptr<Batch> batch_;  // receive thread only
 };
 
 }  // namespace ocp_api

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -73,9 +74,15 @@ Child spawn(const std::vector<std::string>& argv) {
     return child;
 }
 
-int wait_for_exit(pid_t pid) {
+// The exit status; `cpu` gets the child's user and system time.
+int wait_for_exit(pid_t pid, std::chrono::microseconds& cpu) {
     int status = 0;
-    waitpid(pid, &status, 0);
+    rusage usage{};
+    wait4(pid, &status, 0, &usage);
+    const auto microseconds = [](const timeval& time) {
+        return std::chrono::seconds(time.tv_sec) + std::chrono::microseconds(time.tv_usec);
+    };
+    cpu = microseconds(usage.ru_utime) + microseconds(usage.ru_stime);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
@@ -108,7 +115,7 @@ ProcessResult run_process(const std::vector<std::string>& argv, const std::funct
     }
     close(child.out);
     close(child.err);
-    result.exit_status = wait_for_exit(child.pid);
+    result.exit_status = wait_for_exit(child.pid, result.cpu);
     return result;
 }
 
@@ -146,7 +153,7 @@ ProcessResult run_process(const std::vector<std::string>& argv, const ProcessEve
     }
     close(child.err);
     if (!stdout_closed_early) close(child.out);
-    result.exit_status = wait_for_exit(child.pid);
+    result.exit_status = wait_for_exit(child.pid, result.cpu);
     if (event_time != Clock::time_point{})
         result.exit_delay = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - event_time);
     return result;

@@ -15,6 +15,7 @@ struct ProcessResult {
     // From the event that ProcessEvents asked for (the signal sent, standard
     // output closed) to the child's exit; negative when there was none.
     std::chrono::milliseconds exit_delay{-1};
+    std::chrono::microseconds cpu{0};  // the child's user and system time
 };
 
 // `on_stderr` sees the standard error text gathered so far each time more

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <system_error>
@@ -76,11 +77,30 @@ SocketCanLink::FileDescriptor::~FileDescriptor() {
     if (fd_ >= 0) ::close(fd_);
 }
 
+struct SocketCanLink::Batch {
+    static constexpr std::size_t SIZE = 32;
+    std::array<canfd_frame, SIZE> frames{};
+    std::array<iovec, SIZE> vectors{};
+    std::array<mmsghdr, SIZE> headers{};
+    std::size_t count = 0;  // frames read
+    std::size_t next = 0;   // the next to hand out
+
+    Batch() {
+        for (std::size_t i = 0; i < SIZE; ++i) {
+            vectors[i] = {&frames[i], sizeof frames[i]};
+            headers[i].msg_hdr.msg_iov = &vectors[i];
+            headers[i].msg_hdr.msg_iovlen = 1;
+        }
+    }
+    bool empty() const { return next == count; }
+};
+
 SocketCanLink::SocketCanLink(std::string interface, SocketCanLinkOptions options)
     : interface_(std::move(interface)),
       options_(std::move(options)),
       socket_(::socket(PF_CAN, SOCK_RAW | SOCK_CLOEXEC, CAN_RAW)),
-      wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+      wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      batch_(std::make_unique<Batch>()) {
     if (socket_.get() < 0) throw_for(interface_, errno, "cannot open a CAN_RAW socket");
     if (wake_.get() < 0) throw_for(interface_, errno, "cannot create an eventfd");
     if (interface_.empty() || interface_.size() >= IFNAMSIZ) {
@@ -199,6 +219,12 @@ CanLinkEvent SocketCanLink::receive(std::chrono::nanoseconds timeout) {
     while (true) {
         if (state_ != reported_state_) return state_event(state_);  // a send found the link down
         if (reported_state_ == CanLinkState::down && try_recover()) return state_event(CanLinkState::active);
+        if (!batch_->empty()) {
+            bool nothing_read = false;
+            CanLinkEvent event = read_one(nothing_read);
+            if (!nothing_read) return event;
+            continue;
+        }
 
         auto wait = std::max(std::chrono::nanoseconds(0), deadline - Clock::now());
         if (reported_state_ == CanLinkState::down) {
@@ -223,21 +249,37 @@ CanLinkEvent SocketCanLink::receive(std::chrono::nanoseconds timeout) {
     }
 }
 
-// Reads one frame, error frame or socket error. `nothing_read` is set when
-// the read produced nothing to report (no data after all, an unwanted frame,
-// an error frame that changes no state).
+// Reads what the socket holds, up to a batch, without waiting. False when
+// nothing was read; `failed` then says the socket reported an error (in errno).
+bool SocketCanLink::refill_batch(bool& failed) {
+    Batch& batch = *batch_;
+    const int got = ::recvmmsg(socket_.get(), batch.headers.data(), Batch::SIZE, MSG_DONTWAIT, nullptr);
+    failed = got < 0;
+    batch.next = 0;
+    batch.count = got > 0 ? static_cast<std::size_t>(got) : 0;
+    return got > 0;
+}
+
+// Hands out one frame, error frame or socket error, reading a new batch when
+// the last one is used up. `nothing_read` is set when there was nothing to
+// report (no data after all, an unwanted frame, an error frame that changes
+// no state).
 CanLinkEvent SocketCanLink::read_one(bool& nothing_read) {
-    canfd_frame raw{};
-    const ssize_t got = ::recv(socket_.get(), &raw, sizeof raw, MSG_DONTWAIT);
     nothing_read = false;
-    if (got < 0) {
-        if (means_interface_down(errno)) {
-            if (errno != ENETDOWN) bound_ = false;  // removed: the kernel unbound the socket
-            if (reported_state_ != CanLinkState::down) return state_event(CanLinkState::down);
+    if (batch_->empty()) {
+        bool failed = false;
+        if (!refill_batch(failed)) {
+            if (failed && means_interface_down(errno)) {
+                if (errno != ENETDOWN) bound_ = false;  // removed: the kernel unbound the socket
+                if (reported_state_ != CanLinkState::down) return state_event(CanLinkState::down);
+            }
+            nothing_read = true;
+            return {};
         }
-        nothing_read = true;
-        return {};
     }
+    const std::size_t index = batch_->next++;
+    const canfd_frame& raw = batch_->frames[index];
+    const auto got = static_cast<ssize_t>(batch_->headers[index].msg_len);
     if (got != static_cast<ssize_t>(CAN_MTU) && got != static_cast<ssize_t>(CANFD_MTU)) {
         nothing_read = true;
         return {};
