@@ -64,6 +64,10 @@ public:
     // the address or kind is invalid, or the address's queue is full.
     bool queue(int address, int kind, const uint8_t* data, std::size_t size, MessageClass message_class,
                IsoTpTime now, std::vector<CanFrame>& out);
+    // The common case without reading the clock: when nothing is on its way
+    // to `address` and the message fits one frame, appends that frame to
+    // `out` and returns true; otherwise does nothing (then queue() it).
+    bool send_at_once(int address, int kind, const uint8_t* data, std::size_t size, std::vector<CanFrame>& out);
     bool queue(int address, int kind, const std::vector<uint8_t>& message, IsoTpTime now, std::vector<CanFrame>& out) {
         return queue(address, kind, message.data(), message.size(), MessageClass::ordinary, now, out);
     }

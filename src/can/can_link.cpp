@@ -32,11 +32,13 @@ uint8_t fd_frame_length(std::size_t bytes) {
 CanLink::~CanLink() = default;
 
 CanLink::SendResult send_frame_retrying(CanLink& link, const CanFrame& frame, std::chrono::microseconds busy_retry) {
+    CanLink::SendResult result = link.send_frame(frame);
+    if (result != CanLink::SendResult::busy) return result;  // nearly always: no clock needed
     const auto give_up_at = std::chrono::steady_clock::now() + busy_retry;
     for (;;) {
-        const CanLink::SendResult result = link.send_frame(frame);
-        if (result != CanLink::SendResult::busy || std::chrono::steady_clock::now() >= give_up_at) return result;
         std::this_thread::sleep_for(BUSY_PAUSE);
+        result = link.send_frame(frame);
+        if (result != CanLink::SendResult::busy || std::chrono::steady_clock::now() >= give_up_at) return result;
     }
 }
 

@@ -49,6 +49,7 @@ struct Node::State {
     Direction incoming() const { return role == Role::host ? Direction::to_host : Direction::to_device; }
     Direction outgoing() const { return role == Role::host ? Direction::to_device : Direction::to_host; }
 
+    bool valid(int address, int kind, std::size_t size) const;
     uint32_t acquire_sender(int address);
     void after_sender(uint32_t slot);
     uint32_t acquire_receiver(int address, int kind, IsoTpTime now);
@@ -184,25 +185,31 @@ void Node::State::deliver(int address, int kind, const std::vector<uint8_t>& byt
     message.bytes.assign(bytes.begin(), bytes.end());
 }
 
+bool Node::State::valid(int address, int kind, std::size_t size) const {
+    if (address < 0 || address > MAX_ADDRESS || kind < 0 || kind > 1) return false;
+    if (role == Role::host && kind != 0) return false;
+    return size > 0 && size <= ISOTP_MAX_MESSAGE;
+}
+
+bool Node::send_at_once(int address, int kind, const uint8_t* data, std::size_t size, std::vector<CanFrame>& out) {
+    State& s = *state_;
+    if (!s.valid(address, kind, size) || !fits_single_frame(size, s.options)) return false;
+    if (s.sender_index.find(static_cast<uint32_t>(address)) != NO_SLOT) return false;
+    // Nothing on its way to this address: the single frame goes now, without a sender.
+    append_single_frame(encode_id({address, s.outgoing(), kind}), data, size, s.options, out);
+    ++s.counters.frames_out;
+    ++s.counters.messages_out;
+    return true;
+}
+
 bool Node::queue(int address, int kind, const uint8_t* data, std::size_t size, MessageClass message_class,
                  IsoTpTime now, std::vector<CanFrame>& out) {
     State& s = *state_;
-    if (address < 0 || address > MAX_ADDRESS || kind < 0 || kind > 1) return false;
-    if (s.role == Role::host && kind != 0) return false;
-    if (size == 0 || size > ISOTP_MAX_MESSAGE) return false;
+    if (!s.valid(address, kind, size)) return false;
+    if (send_at_once(address, kind, data, size, out)) return true;
     const uint32_t tx_id = encode_id({address, s.outgoing(), kind});
     uint32_t slot = s.sender_index.find(static_cast<uint32_t>(address));
-    if (slot == NO_SLOT) {
-        // Nothing on its way to this address: a single frame goes at once,
-        // without a sender.
-        if (fits_single_frame(size, s.options)) {
-            append_single_frame(tx_id, data, size, s.options, out);
-            ++s.counters.frames_out;
-            ++s.counters.messages_out;
-            return true;
-        }
-        slot = s.acquire_sender(address);
-    }
+    if (slot == NO_SLOT) slot = s.acquire_sender(address);
     const bool queued = s.senders[slot].sender.queue(tx_id, data, size, message_class, now, out);
     s.after_sender(slot);
     return queued;

@@ -59,7 +59,8 @@ bool CanBus::send(int address, const std::vector<uint8_t>& frame) {
     // Frames go to the link under the lock, as they are produced: a STOP's
     // single frame is the next one the link gets.
     send_frames_.clear();
-    const bool queued = node_.queue(address, 0, frame.data(), frame.size(), message_class_of(frame), Clock::now(),
+    const bool queued = node_.send_at_once(address, 0, frame.data(), frame.size(), send_frames_) ||
+                        node_.queue(address, 0, frame.data(), frame.size(), message_class_of(frame), Clock::now(),
                                     send_frames_);
     const bool handed_over = std::all_of(send_frames_.begin(), send_frames_.end(),
                                          [this](const CanFrame& f) { return transmit_one(f); });
