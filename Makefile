@@ -79,6 +79,7 @@ bench: deps
 	  -DOCP_API_BUILD_TESTS=OFF -DOCP_API_BUILD_EXAMPLES=OFF >/dev/null
 	@cmake --build build-bench -j $(JOBS)
 	./build-bench/bench/ocp_api_bench
+	bench/can/can_cost.sh build-bench
 	PYTHONPATH=build-bench/python /usr/bin/python3 python/bench/bench_bindings.py
 
 # The SocketCAN transport against a C echo and candump, in the test VM.

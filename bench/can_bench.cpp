@@ -87,4 +87,35 @@ void BM_PingRoundTripSimBus(benchmark::State& state) {
 }
 BENCHMARK(BM_PingRoundTripSimBus)->UseRealTime();
 
+// From stop() to the STOP's frame at the device, with 1000 segmented
+// position setpoints queued to a device that never answers flow control:
+// the time the STOP spends behind them (none: it overtakes them).
+void BM_StopLatencyBehindThousandCommands(benchmark::State& state) {
+    VirtualCanChannel channel;
+    auto device = channel.open();
+    CanBus bus(channel.open());
+    std::vector<uint8_t> setpoint{static_cast<uint8_t>(wire::Command::SET_POSITION_SETPOINT)};
+    for (int i = 0; i < 6; ++i) append_float(setpoint, 1.0f);
+    const std::vector<uint8_t> stop{static_cast<uint8_t>(wire::Command::STOP)};
+    for (auto _ : state) {
+        state.PauseTiming();
+        for (int i = 0; i < 1000; ++i) bus.send(0x21, setpoint);
+        // Take the first setpoint's first frame off the device's queue.
+        while (device->receive(std::chrono::seconds(1)).frame.data[0] != 0x10) {
+        }
+        state.ResumeTiming();
+        bus.send(0x21, stop);
+        for (;;) {
+            const CanLinkEvent event = device->receive(std::chrono::seconds(1));
+            if (event.type == CanLinkEvent::Type::none) {
+                state.SkipWithError("the STOP never came");
+                break;
+            }
+            if (event.frame.data[0] == 0x01 && event.frame.data[1] == 0x02) break;
+        }
+    }
+    state.counters["superseded"] = static_cast<double>(bus.counters().superseded);
+}
+BENCHMARK(BM_StopLatencyBehindThousandCommands)->UseRealTime();
+
 }  // namespace
