@@ -49,58 +49,49 @@ CanFrame next_command_frame(CanLink& device) {
 // The actuator switches to position mode before its first position setpoint.
 const Bytes SET_POSITION_MODE{0x02, 0x03, 0x07, 0xCC, 0xCC, 0xCC, 0xCC, 0xCC};
 
-void send_thousand_position_setpoints(OrreryActuator& actuator) {
-    for (int i = 0; i < 1000; ++i) actuator.change_position_setpoint(static_cast<float>(i), 0.0f, 0.0f);
-}
-
-TEST(CanBusStop, OvertakesAThousandSegmentedCommandsToADeviceThatNeverSendsFlowControl) {
-    VirtualCanChannel channel;
-    auto device = channel.open();
-    CanBus bus(channel.open());
-    {
-        OrreryActuator actuator(bus, ADDRESS);
-        send_thousand_position_setpoints(actuator);
-        actuator.stop();
-        const std::vector<CanFrame> seen = frames_until(*device, STOP_FRAME);
-        ASSERT_EQ(seen.size(), 3u) << "the mode, the first setpoint's first frame, then the STOP";
-        EXPECT_EQ(bytes_of(seen[0]), SET_POSITION_MODE);
-        EXPECT_EQ(bytes_of(seen[1])[0], 0x10);
-        EXPECT_EQ(bytes_of(seen[2]), STOP_FRAME);
+// A bus with a raw device endpoint, and an actuator that has just sent 1000
+// position setpoints: the device has seen the mode and the first setpoint's
+// first frame, and answers no flow control.
+class CanBusStop : public testing::Test {
+protected:
+    CanBusStop() {
+        for (int i = 0; i < 1000; ++i) actuator.change_position_setpoint(static_cast<float>(i), 0.0f, 0.0f);
+        EXPECT_EQ(bytes_of(next_command_frame(*device)), SET_POSITION_MODE);
+        EXPECT_EQ(bytes_of(next_command_frame(*device))[0], 0x10);
     }
+    void answer_flow_control(uint8_t status) {
+        ASSERT_EQ(device->send_frame(frame_of(REPLY_ID, {static_cast<uint8_t>(0x30 | status), 0, 0, 0xCC, 0xCC,
+                                                          0xCC, 0xCC, 0xCC})),
+                  CanLink::SendResult::sent);
+    }
+
+    VirtualCanChannel channel;
+    std::unique_ptr<CanLink> device = channel.open();
+    CanBus bus{channel.open()};
+    OrreryActuator actuator{bus, ADDRESS};
+};
+
+TEST_F(CanBusStop, OvertakesAThousandSegmentedCommandsToADeviceThatNeverSendsFlowControl) {
+    actuator.stop();
+    const std::vector<CanFrame> seen = frames_until(*device, STOP_FRAME);
+    ASSERT_EQ(seen.size(), 1u) << "the STOP right after the first setpoint's first frame";
     const CanBusCounters c = bus.counters();
     EXPECT_EQ(c.superseded, 998u);
     EXPECT_EQ(c.cancelled, 2u);
     EXPECT_EQ(c.preempted, 1u);
 }
 
-TEST(CanBusStop, OvertakesCommandsHeldByFlowControlWait) {
-    VirtualCanChannel channel;
-    auto device = channel.open();
-    CanBus bus(channel.open());
-    OrreryActuator actuator(bus, ADDRESS);
-    send_thousand_position_setpoints(actuator);
-    EXPECT_EQ(bytes_of(next_command_frame(*device)), SET_POSITION_MODE);
-    EXPECT_EQ(bytes_of(next_command_frame(*device))[0], 0x10);
-    ASSERT_EQ(device->send_frame(frame_of(REPLY_ID, {0x31, 0, 0, 0xCC, 0xCC, 0xCC, 0xCC, 0xCC})),
-              CanLink::SendResult::sent);
+TEST_F(CanBusStop, OvertakesCommandsHeldByFlowControlWait) {
+    answer_flow_control(1);
     actuator.stop();
     const std::vector<CanFrame> seen = frames_until(*device, STOP_FRAME);
     ASSERT_EQ(seen.size(), 1u) << "nothing but the STOP after the first frame";
-    EXPECT_EQ(bytes_of(seen[0]), STOP_FRAME);
 }
 
-TEST(CanBusStop, AfterADeviceWasSilentItGetsTheLatestSetpointThenTheStop) {
-    VirtualCanChannel channel;
-    auto device = channel.open();
-    CanBus bus(channel.open());
-    OrreryActuator actuator(bus, ADDRESS);
-    send_thousand_position_setpoints(actuator);
-    EXPECT_EQ(bytes_of(next_command_frame(*device)), SET_POSITION_MODE);
-    EXPECT_EQ(bytes_of(next_command_frame(*device))[0], 0x10);  // the first setpoint's first frame
+TEST_F(CanBusStop, AfterADeviceWasSilentItGetsTheLatestSetpointThenTheStop) {
     // The device answers again: the first setpoint finishes, the latest
     // waiting one goes, and nothing of the 998 in between.
-    ASSERT_EQ(device->send_frame(frame_of(REPLY_ID, {0x30, 0, 0, 0xCC, 0xCC, 0xCC, 0xCC, 0xCC})),
-              CanLink::SendResult::sent);
+    answer_flow_control(0);
     std::vector<CanFrame> seen;
     for (int i = 0; i < 4; ++i) seen.push_back(next_command_frame(*device));
     actuator.stop();
