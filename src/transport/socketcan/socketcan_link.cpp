@@ -24,6 +24,8 @@ namespace ocp_api {
 
 namespace {
 
+constexpr int RECEIVE_BUFFER_BYTES = 4 << 20;
+
 using Clock = std::chrono::steady_clock;
 
 [[noreturn]] void throw_for(const std::string& interface, int error, const std::string& what) {
@@ -136,6 +138,13 @@ void SocketCanLink::configure_socket() {
         }
     }
     if (!apply_filters()) throw_for(interface_, errno, "cannot set the receive filters");
+    // Room for a burst of a few thousand frames while the receive thread is
+    // busy (the default holds a few hundred): a flood on the bus must not push
+    // the replies we wait for out of the socket. Beyond rmem_max only with
+    // CAP_NET_ADMIN; the default stays when neither is allowed.
+    const int receive_buffer = RECEIVE_BUFFER_BYTES;
+    if (::setsockopt(socket_.get(), SOL_SOCKET, SO_RCVBUFFORCE, &receive_buffer, sizeof receive_buffer) < 0)
+        ::setsockopt(socket_.get(), SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
     const can_err_mask_t errors = CAN_ERR_MASK;
     if (::setsockopt(socket_.get(), SOL_CAN_RAW, CAN_RAW_ERR_FILTER, &errors, sizeof errors) < 0) {
         throw_for(interface_, errno, "cannot enable error frames");
