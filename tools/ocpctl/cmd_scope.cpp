@@ -27,6 +27,28 @@ struct ScopeOptions {
 
 constexpr std::size_t MAX_ITEMS = 8;
 
+struct FinishSource {
+    scope::ScopeSource& source;
+    ~FinishSource() { source.finish(); }
+};
+
+// The server's thread, ended and joined however run_scope is left.
+class Serving {
+public:
+    explicit Serving(scope::ScopeServer& server) : server_(server), thread_([&server] { server.run(); }) {}
+    ~Serving() { end(); }
+    Serving(const Serving&) = delete;
+    Serving& operator=(const Serving&) = delete;
+    void end() const {
+        server_.shutdown();
+        if (thread_.joinable()) thread_.join();
+    }
+
+private:
+    scope::ScopeServer& server_;
+    mutable std::thread thread_;
+};
+
 std::string address_list(const std::vector<int>& addresses) {
     std::string list;
     for (const int address : addresses) list += (list.empty() ? "" : ", ") + hex(address);
@@ -67,9 +89,12 @@ int run_scope(const ScopeOptions& options, const GlobalOptions& global) {
     scope::TrafficTap* tap = nullptr;
     std::unique_ptr<scope::ScopeSource> source = scope::open_actuator_source(global, addresses, &tap);
     scope::ScopeServer server(*source, tap, config, scope::AccessPolicy(hosts, token));
+    // On every way out, in this order: no more requests, then the source
+    // stops what it started and its feedback ends, then the server goes.
+    const FinishSource finish_source{*source};
     const int port = server.bind();
     server.start_streaming();
-    std::thread serving([&server] { server.run(); });
+    const Serving serving(server);
 
     const std::string shown_host = options.listen.empty() ? "127.0.0.1" : options.listen;
     // The address is the result; the advice goes with the diagnostics.
@@ -93,8 +118,7 @@ int run_scope(const ScopeOptions& options, const GlobalOptions& global) {
             std::fprintf(stderr, "ocpctl: no page for %s: stopped %s\n", format_seconds(grace_s).c_str(),
                          address_list(stopped).c_str());
     }
-    server.shutdown();
-    serving.join();
+    serving.end();
     source->finish();
     std::fprintf(stderr, "ocpctl: scope ended; the actuators started from the page are stopped\n");
     return stop_signal.exit_status();

@@ -126,7 +126,7 @@ ScopeServer::ScopeServer(ScopeSource& source, TrafficTap* tap, ScopeConfig confi
       devices_(source.devices()),
       http_(std::make_unique<httplib::Server>()) {
     for (const auto& device : devices_) traces_[device.address] = std::make_unique<Trace>(config_.items.size());
-    last_page_seen_ns_.store(steady_ns());
+    last_heartbeat_ns_.store(steady_ns());
     install_routes();
 }
 
@@ -194,13 +194,14 @@ bool ScopeServer::any_running() const {
 
 void ScopeServer::note_stopped(int address) { traces_.at(address)->setpoint_shown.store(NAN); }
 
+bool ScopeServer::page_present(int64_t now_ns) const {
+    const auto grace_ns = static_cast<int64_t>(config_.grace_s * 1e9);
+    if (now_ns - last_heartbeat_ns_.load() < grace_ns) return true;
+    return page_hidden_.load() && pages_.load() > 0 && now_ns - last_stream_write_ns_.load() < grace_ns;
+}
+
 std::vector<int> ScopeServer::enforce_grace() {
-    if (pages_.load() > 0) {
-        last_page_seen_ns_.store(steady_ns());
-        return {};
-    }
-    const double away_s = static_cast<double>(steady_ns() - last_page_seen_ns_.load()) * 1e-9;
-    if (away_s < config_.grace_s) return {};
+    if (page_present(steady_ns())) return {};
     std::vector<int> stopped;
     for (const auto& device : devices_) {
         if (!source_.state(device.address).running) continue;
@@ -308,6 +309,14 @@ void ScopeServer::install_routes() {
     httplib::Server& http = *http_;
     http.set_payload_max_length(64 * 1024);
     http.set_read_timeout(5, 0);
+    // A page whose network is gone stops taking data; with a small send
+    // buffer the event stream notices within seconds, not minutes.
+    http.set_write_timeout(2, 0);
+    http.set_socket_options([](socket_t socket) {
+        httplib::default_socket_options(socket);
+        const int bytes = 64 * 1024;
+        setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
+    });
     http.set_default_headers({{"X-Content-Type-Options", "nosniff"},
                               {"X-Frame-Options", "DENY"},
                               {"Referrer-Policy", "no-referrer"},
@@ -364,7 +373,6 @@ void ScopeServer::install_routes() {
             answer_error(response, 503, "too many pages open (at most " + std::to_string(MAX_PAGES) + ")");
             return;
         }
-        last_page_seen_ns_.store(steady_ns());
         // Each bin goes to this page once; a page opened later starts with
         // the window that is on screen.
         auto cursors = std::make_shared<std::map<int, int64_t>>();
@@ -395,18 +403,21 @@ void ScopeServer::install_routes() {
                     message += "}}\n\n";
                     if (!sink.write(message.data(), message.size())) return false;
                     bytes_sent_.fetch_add(message.size());
-                    last_page_seen_ns_.store(steady_ns());
+                    last_stream_write_ns_.store(steady_ns());
                     for (int slice = 0; slice < 11 && !stopping_.load(); ++slice) std::this_thread::sleep_for(3ms);
                 }
                 sink.done();
                 return true;
             },
-            [this](bool) {
-                last_page_seen_ns_.store(steady_ns());
-                pages_.fetch_sub(1);
-            });
+            [this](bool) { pages_.fetch_sub(1); });
     });
 
+    http.Post("/api/alive", [this](const httplib::Request& request, httplib::Response& response) {
+        const json body = parse_body(request);
+        page_hidden_.store(body.value("hidden", false));
+        last_heartbeat_ns_.store(steady_ns());
+        response.status = 204;
+    });
     http.Post("/api/start", [this](const httplib::Request& request, httplib::Response& response) {
         const int address = address_of(parse_body(request));
         source_.start(address);

@@ -577,6 +577,15 @@ async function writeParameters() {
 
 // ---------------------------------------------------------------- start
 
+// The scope stops running actuators when these stop coming.
+function heartbeat() {
+  fetch('/api/alive', {
+    method: 'POST',
+    headers: { 'Content-Type': 'application/json', 'X-Scope-Token': token },
+    body: JSON.stringify({ hidden: document.hidden }),
+  }).catch(() => {});
+}
+
 function connect() {
   const events = new EventSource('/api/events?token=' + encodeURIComponent(token));
   const link = $('link');
@@ -607,6 +616,9 @@ async function main() {
   buildDevices();
   bindControls();
   connect();
+  heartbeat();
+  setInterval(heartbeat, 250);
+  document.addEventListener('visibilitychange', heartbeat);
   readParameters();
   requestAnimationFrame(frame);
 }
