@@ -18,7 +18,7 @@ import pytest
 
 OCPCTL = os.environ.get("OCPCTL", "ocpctl")
 ARTEFACTS = os.environ.get("SCOPE_ARTEFACTS", tempfile.gettempdir())
-CHROMIUM = "/usr/bin/chromium"
+CHROMIUM = os.environ.get("SCOPE_CHROMIUM", "/usr/bin/chromium")
 CHROMEDRIVER = "/usr/bin/chromedriver"
 IN_CI = os.environ.get("CI", "").lower() == "true"
 GRACE_S = 1.5
@@ -45,10 +45,10 @@ def wait_for(condition, what, timeout=20.0):
 class Scope:
     """One `ocpctl scope` process on the simulated bus."""
 
-    def __init__(self, *arguments):
+    def __init__(self, *arguments, grace_s=GRACE_S):
         self.stderr = tempfile.TemporaryFile(mode="w+")
         self.process = subprocess.Popen(
-            [OCPCTL, "--bus", "sim:0x21,0x22", "scope", "0x21", "0x22", "--port", "0", "--grace", str(GRACE_S)]
+            [OCPCTL, "--bus", "sim:0x21,0x22", "scope", "0x21", "0x22", "--port", "0", "--grace", str(grace_s)]
             + list(arguments),
             stdout=subprocess.PIPE, stderr=self.stderr, text=True)
         line = self.process.stdout.readline().strip()
@@ -81,9 +81,9 @@ class Scope:
         assert code == 200, text
         return {entry["address"]: entry for entry in json.loads(text)["devices"]}
 
-    def end(self):
+    def end(self, signal_number=signal.SIGINT):
         if self.process.poll() is None:
-            self.process.send_signal(signal.SIGINT)
+            self.process.send_signal(signal_number)
             try:
                 self.process.wait(timeout=15)
             except subprocess.TimeoutExpired:
@@ -309,4 +309,28 @@ def test_closing_the_page_stops_a_running_actuator_after_the_grace_time():
         assert scope.status()[0x21]["running"] is False
     finally:
         assert scope.end() == 130
-    assert "scope ended" in scope.errors()
+    assert scope.errors().endswith("ocpctl: scope ended; stopped 0x21 (the emulated device is not running)\n")
+
+
+def test_sigterm_stops_what_the_page_started_and_leaves_the_rest():
+    scope = Scope(grace_s=600)
+    try:
+        assert scope.request("POST", "/api/start", {"address": "0x22"})[0] == 200
+        wait_for(lambda: scope.status()[0x22]["device_running"], "0x22 to run")
+        assert scope.status()[0x21]["device_running"] is False
+    finally:
+        assert scope.end(signal.SIGTERM) == 143
+    assert scope.errors().endswith("ocpctl: scope ended; stopped 0x22 (the emulated device is not running)\n")
+
+
+def test_bad_arguments_are_refused_before_the_bus_opens():
+    for arguments, message in (
+            (["0x21", "--port", "70000"], "ocpctl: --port 70000 is outside 0..65535\n"),
+            (["0x21", "0x21"], "ocpctl: 0x21 is given twice\n"),
+            (["0x21", "--grace", "0"], "ocpctl: --grace 0 is not a positive number of seconds\n"),
+            (["0x21", "--items", "NOPE"], None)):
+        result = subprocess.run([OCPCTL, "scope"] + arguments, capture_output=True, text=True, timeout=30)
+        assert result.returncode == 2, result.stderr
+        assert result.stdout == ""
+        if message:
+            assert result.stderr == message

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -119,8 +120,19 @@ int run_scope(const ScopeOptions& options, const GlobalOptions& global) {
                          address_list(stopped).c_str());
     }
     serving.end();
-    source->finish();
-    std::fprintf(stderr, "ocpctl: scope ended; the actuators started from the page are stopped\n");
+    const std::vector<int> stopped = source->finish();
+    std::string report;
+    for (const int address : stopped) {
+        report += (report.empty() ? "; stopped " : ", ") + hex(address);
+        // On the simulated bus the device itself can be asked.
+        std::optional<bool> running = source->state(address).device_running;
+        for (int i = 0; i < 200 && running.value_or(false); ++i) {
+            std::this_thread::sleep_for(5ms);
+            running = source->state(address).device_running;
+        }
+        if (running) report += *running ? " (the emulated device still runs!)" : " (the emulated device is not running)";
+    }
+    std::fprintf(stderr, "ocpctl: scope ended%s\n", report.empty() ? "; nothing was started from the page" : report.c_str());
     return stop_signal.exit_status();
 }
 

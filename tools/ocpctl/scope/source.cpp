@@ -76,7 +76,7 @@ public:
     }
 
     void start(int address) override {
-        Entry& entry = find(address);
+        Entry& entry = live(address);
         entry.actuator->start();
         std::lock_guard<std::mutex> lock(mutex_);
         entry.state.running = true;
@@ -84,7 +84,7 @@ public:
     }
 
     void stop(int address) override {
-        Entry& entry = find(address);
+        Entry& entry = live(address);
         entry.actuator->stop();
         std::lock_guard<std::mutex> lock(mutex_);
         entry.state.running = false;
@@ -92,13 +92,15 @@ public:
 
     void stop_all() override {
         // STOP first to every device, the bookkeeping after.
-        for (auto& [address, entry] : entries_) entry->actuator->stop();
+        for (auto& [address, entry] : entries_) {
+            if (entry->actuator) entry->actuator->stop();
+        }
         std::lock_guard<std::mutex> lock(mutex_);
         for (auto& [address, entry] : entries_) entry->state.running = false;
     }
 
     void set_mode(int address, Mode mode) override {
-        Entry& entry = find(address);
+        Entry& entry = live(address);
         entry.actuator->change_mode(mode);
         std::lock_guard<std::mutex> lock(mutex_);
         entry.state.mode = mode;
@@ -106,7 +108,7 @@ public:
     }
 
     void set_setpoint(int address, float setpoint) override {
-        Entry& entry = find(address);
+        Entry& entry = live(address);
         Mode mode;
         {
             std::lock_guard<std::mutex> lock(mutex_);
@@ -118,7 +120,7 @@ public:
     }
 
     ParameterMap read_parameters(int address, const std::vector<Parameter>& ids) override {
-        Entry& entry = find(address);
+        Entry& entry = live(address);
         std::lock_guard<std::mutex> lock(entry.administration);
         const ParameterMap values = entry.actuator->get_parameters(ids, global_.timeout_s);
         for (const auto id : ids) {
@@ -131,7 +133,7 @@ public:
     }
 
     void write_parameters(int address, const ParameterMap& values) override {
-        Entry& entry = find(address);
+        Entry& entry = live(address);
         std::lock_guard<std::mutex> lock(entry.administration);
         entry.actuator->set_parameters(values);
         const auto mode = values.find(Parameter::MODE);
@@ -142,14 +144,15 @@ public:
     }
 
     void save(int address) override {
-        Entry& entry = find(address);
+        Entry& entry = live(address);
         std::lock_guard<std::mutex> lock(entry.administration);
         entry.actuator->save_config();
     }
 
-    void finish() override {
-        if (finished_) return;
+    std::vector<int> finish() override {
+        if (finished_) return {};
         finished_ = true;
+        std::vector<int> stopped;
         for (auto& [address, entry] : entries_) {
             entry->actuator->setFeedbackRate(0);
             bool stop_it;
@@ -158,12 +161,16 @@ public:
                 stop_it = entry->state.started_here;
                 entry->state.running = false;
             }
-            if (stop_it) entry->actuator->stop();
+            if (stop_it) {
+                entry->actuator->stop();
+                stopped.push_back(address);
+            }
         }
         // The actuators' own STOP on destruction would also reach devices
         // only watched; those are left as they were.
         filter_.arm();
-        entries_.clear();  // no feedback callback runs after this
+        for (auto& [address, entry] : entries_) entry->actuator.reset();  // no feedback callback runs after this
+        return stopped;
     }
 
 private:
@@ -178,6 +185,13 @@ private:
         const auto found = entries_.find(address);
         if (found == entries_.end()) throw UsageError(hex(address) + " is not on this scope");
         return *found->second;
+    }
+
+    // The entry of a device that may still be commanded.
+    Entry& live(int address) const {
+        Entry& entry = find(address);
+        if (!entry.actuator) throw DeviceError("the scope is ending");
+        return entry;
     }
 
     const GlobalOptions& global_;

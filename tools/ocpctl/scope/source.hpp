@@ -62,8 +62,9 @@ public:
     virtual void save(int address) = 0;
 
     // Stops what was started here, ends streaming; devices only watched are
-    // left as they were. Called once, on the way out.
-    virtual void finish() = 0;
+    // left as they were. Returns the devices it stopped; state() still
+    // answers for them afterwards. Later calls do nothing and return none.
+    virtual std::vector<int> finish() = 0;
 
     // Name and value pairs for the statistics panel (a control loop's
     // period, jitter, overruns); none for plain actuators.
