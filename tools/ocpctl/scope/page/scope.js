@@ -121,7 +121,9 @@ function buildPlots() {
     box.className = 'plot';
     const unit = UNITS[group.quantity] ? ' [' + UNITS[group.quantity] + ']' : '';
     box.innerHTML = '<h3><b>' + key + unit + '</b> ' + group.names.join(', ') +
-      (group.quantity ? ' · dashed: setpoint' : '') + '</h3><canvas></canvas><div class="readout hidden"></div>';
+      (group.quantity ? ' · dashed: setpoint' : '') + '<span class="legend">' +
+      config.devices.map((d, i) => '<i style="color:' + COLOURS[i % COLOURS.length] + '">━ ' + d.hex + '</i>').join('') +
+      '</span></h3><canvas></canvas><div class="readout hidden"></div>';
     container.appendChild(box);
     const plot = { key, quantity: group.quantity, channels: group.channels, box,
       canvas: box.querySelector('canvas'), readout: box.querySelector('.readout'), yLow: -1, yHigh: 1, points: 0 };
