@@ -134,6 +134,21 @@ TEST(ScopeAccess, RefusalsSayWhy) {
     EXPECT_EQ(policy.check(facts).status, 415);
 }
 
+TEST(ScopeAccess, AServerOnEveryAddressAnswersToAnyNameButStillWantsTheOriginAndToken) {
+    const AccessPolicy policy({}, "0123456789abcdef0123456789abcdef");
+    RequestFacts facts = page_request("POST", "/api/start");
+    facts.host = "robot.local:8650";
+    facts.origin = "http://robot.local:8650";
+    EXPECT_EQ(policy.check(facts).status, 200);
+    facts.origin = "http://evil.example";
+    EXPECT_EQ(policy.check(facts).status, 403);
+    facts = page_request("POST", "/api/start");
+    facts.host = "robot.local:8650";
+    facts.origin = "http://robot.local:8650";
+    facts.token.clear();
+    EXPECT_EQ(policy.check(facts).status, 403);
+}
+
 TEST(ScopeAccess, TokensAre32HexDigitsAndDiffer) {
     const std::string first = ocpctl::scope::make_token(), second = ocpctl::scope::make_token();
     EXPECT_EQ(first.size(), 32u);

@@ -225,6 +225,37 @@ def test_parameter_edit_is_read_back(browser):
     assert row.find_element(By.TAG_NAME, "input").get_attribute("value") == "2.5"
 
 
+def test_recordings_download_from_the_page(browser, scope, tmp_path):
+    from selenium.webdriver.common.by import By
+
+    downloads = tmp_path / "downloads"
+    downloads.mkdir()
+    browser.execute_cdp_cmd("Page.setDownloadBehavior", {"behavior": "allow", "downloadPath": str(downloads)})
+    # What the plots show, as CSV: each trace's low and high per bin.
+    browser.find_element(By.ID, "csv").click()
+    csv = wait_for(lambda: (downloads / "scope.csv").exists() and (downloads / "scope.csv").read_text(), "scope.csv")
+    lines = csv.splitlines()
+    assert lines[0].startswith("time_s,0x21 POS_FB_4C min,0x21 POS_FB_4C max,0x21 SPD_FB_45 min,")
+    assert lines[0].endswith(",0x22 SETPOINT min,0x22 SETPOINT max")
+    assert len(lines) > 100
+    times = [float(line.split(",")[0]) for line in lines[1:]]
+    assert times == sorted(times)
+    # The traffic, recorded from the page and downloaded as a candump -L log.
+    traffic = browser.find_element(By.ID, "traffic")
+    traffic.click()
+    wait_for(lambda: traffic.text.startswith("Stop recording") and int(re.search(r"\d+", traffic.text).group()) > 0,
+             "frames to be recorded")
+    traffic.click()
+    link = browser.find_element(By.ID, "traffic-log")
+    wait_for(lambda: link.is_displayed(), "the download link")
+    link.click()
+    log = downloads / "scope-traffic.log"
+    wait_for(lambda: log.exists() and log.read_text().endswith("\n"), "scope-traffic.log")
+    decoded = subprocess.run([OCPCTL, "dump", "--log", str(log)], capture_output=True, text=True, check=True)
+    assert re.search(r"^\d+\.\d{6} sim 0x2[12] to-host ", decoded.stdout, re.MULTILINE), decoded.stdout[:1000]
+    assert decoded.stderr == ""
+
+
 def test_screenshot(browser, scope):
     from selenium.webdriver.common.by import By
 

@@ -80,9 +80,12 @@ int run_scope(const ScopeOptions& options, const GlobalOptions& global) {
     config.grace_s = grace_s;
     config.bus = global.bus;
     std::vector<std::string> hosts = {"127.0.0.1", "localhost"};
+    const bool ipv6 = options.listen.find(':') != std::string::npos;
+    const std::string listen_host = ipv6 ? "[" + options.listen + "]" : options.listen;
     if (!options.listen.empty()) {
         config.host = options.listen;
-        hosts.push_back(options.listen.find(':') != std::string::npos ? "[" + options.listen + "]" : options.listen);
+        hosts.push_back(listen_host);
+        if (options.listen == "0.0.0.0" || options.listen == "::") hosts.clear();
     }
     const std::string token = scope::make_token();
 
@@ -97,7 +100,7 @@ int run_scope(const ScopeOptions& options, const GlobalOptions& global) {
     server.start_streaming();
     const Serving serving(server);
 
-    const std::string shown_host = options.listen.empty() ? "127.0.0.1" : options.listen;
+    const std::string shown_host = options.listen.empty() ? "127.0.0.1" : listen_host;
     // The address is the result; the advice goes with the diagnostics.
     std::printf("http://%s:%d/#token=%s\n", shown_host.c_str(), port, token.c_str());
     std::fflush(stdout);

@@ -27,6 +27,7 @@ AccessPolicy::AccessPolicy(std::vector<std::string> hosts, std::string token)
     : hosts_(std::move(hosts)), token_(std::move(token)) {}
 
 bool AccessPolicy::known_host(const std::string& host_header) const {
+    if (hosts_.empty()) return !host_header.empty();
     const std::string host = host_without_port(host_header);
     for (const auto& known : hosts_) {
         if (host == known) return true;

@@ -28,7 +28,9 @@ struct Verdict {
 class AccessPolicy {
 public:
     // `hosts`: the names the server answers as, without port ("127.0.0.1",
-    // "localhost", or the --listen address).
+    // "localhost", or the --listen address); none: any name (a server on
+    // every address of a machine is reached by names it cannot know, and
+    // the token alone keeps other pages out).
     AccessPolicy(std::vector<std::string> hosts, std::string token);
 
     Verdict check(const RequestFacts& request) const;
