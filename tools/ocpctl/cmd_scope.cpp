@@ -107,7 +107,7 @@ int run_scope(const ScopeOptions& options, const GlobalOptions& global) {
     const std::string forwarding =
         options.listen.empty() ? " (from another machine: ssh -L " + std::to_string(port) + ":127.0.0.1:" +
                                      std::to_string(port) + " this-host)"
-                               : "";
+                               : "; anyone who reaches " + listen_host + " and has the token can move the actuators";
     std::fprintf(stderr,
                  "ocpctl: scope of %s on %s; open the address above in a browser%s.\n"
                  "ocpctl: Ctrl-C ends it and stops every actuator started from the page; without a page for %s, "
