@@ -13,6 +13,7 @@
 #include <ocp_api/wire.hpp>
 
 #include "scope/decimator.hpp"
+#include "scope/presence.hpp"
 #include "scope/security.hpp"
 #include "scope/traffic_tap.hpp"
 
@@ -223,6 +224,38 @@ TEST(ScopeTrafficTap, ASegmentedReplyIsLoggedWithItsFlowControlAndReadsBackWhole
     EXPECT_EQ(events[0].type, ocp_api::can::TrafficEvent::Type::message);
     EXPECT_EQ(events[0].address, 0x21);
     EXPECT_EQ(events[0].bytes, reply);
+}
+
+}  // namespace
+
+namespace {
+
+constexpr int64_t S = 1000000000;  // nanoseconds
+
+TEST(ScopePagePresence, APageIsThereWhileItsHeartbeatComes) {
+    ocpctl::scope::PagePresence presence(0);
+    EXPECT_TRUE(presence.present(1 * S, 2 * S));   // the grace time from the start
+    EXPECT_FALSE(presence.present(2 * S, 2 * S));  // nobody came
+    presence.heartbeat(3 * S, false);
+    EXPECT_TRUE(presence.present(4 * S, 2 * S));
+    // A visible page whose heartbeat stopped is gone, even with its event
+    // stream still taking data (a network that vanished without a word).
+    presence.stream_opened();
+    presence.stream_wrote(5 * S);
+    EXPECT_FALSE(presence.present(5 * S, 2 * S));
+}
+
+TEST(ScopePagePresence, AHiddenPageCountsWhileItsEventStreamTakesData) {
+    ocpctl::scope::PagePresence presence(0);
+    presence.stream_opened();
+    presence.heartbeat(1 * S, true);  // the last one before the browser slows its timers
+    presence.stream_wrote(9 * S);
+    EXPECT_TRUE(presence.present(10 * S, 2 * S));
+    EXPECT_FALSE(presence.present(11 * S, 2 * S));  // the stream stalled too
+    presence.stream_wrote(12 * S);
+    presence.stream_closed();  // the tab was closed
+    EXPECT_FALSE(presence.present(12 * S, 2 * S));
+    EXPECT_EQ(presence.streams(), 0);
 }
 
 }  // namespace

@@ -124,9 +124,9 @@ ScopeServer::ScopeServer(ScopeSource& source, TrafficTap* tap, ScopeConfig confi
       policy_(std::move(policy)),
       epoch_(std::chrono::steady_clock::now()),
       devices_(source.devices()),
-      http_(std::make_unique<httplib::Server>()) {
+      http_(std::make_unique<httplib::Server>()),
+      presence_(steady_ns()) {
     for (const auto& device : devices_) traces_[device.address] = std::make_unique<Trace>(config_.items.size());
-    last_heartbeat_ns_.store(steady_ns());
     install_routes();
 }
 
@@ -194,14 +194,8 @@ bool ScopeServer::any_running() const {
 
 void ScopeServer::note_stopped(int address) { traces_.at(address)->setpoint_shown.store(NAN); }
 
-bool ScopeServer::page_present(int64_t now_ns) const {
-    const auto grace_ns = static_cast<int64_t>(config_.grace_s * 1e9);
-    if (now_ns - last_heartbeat_ns_.load() < grace_ns) return true;
-    return page_hidden_.load() && pages_.load() > 0 && now_ns - last_stream_write_ns_.load() < grace_ns;
-}
-
 std::vector<int> ScopeServer::enforce_grace() {
-    if (page_present(steady_ns())) return {};
+    if (presence_.present(steady_ns(), static_cast<int64_t>(config_.grace_s * 1e9))) return {};
     std::vector<int> stopped;
     for (const auto& device : devices_) {
         if (!source_.state(device.address).running) continue;
@@ -291,7 +285,7 @@ std::string ScopeServer::status_json() {
     }
     status["server"] = {{"samples_per_s", rates.samples_per_s},
                         {"bytes_per_s", rates.bytes_per_s},
-                        {"pages", pages_.load()}};
+                        {"pages", presence_.streams()}};
     if (tap_ != nullptr)
         status["traffic"] = {{"recording", tap_->recording()}, {"frames", tap_->frames()}, {"full", tap_->full()}};
     json statistics = json::array();
@@ -368,8 +362,9 @@ void ScopeServer::install_routes() {
     });
 
     http.Get("/api/events", [this](const httplib::Request&, httplib::Response& response) {
-        if (pages_.fetch_add(1) >= MAX_PAGES) {
-            pages_.fetch_sub(1);
+        presence_.stream_opened();
+        if (presence_.streams() > MAX_PAGES) {
+            presence_.stream_closed();
             answer_error(response, 503, "too many pages open (at most " + std::to_string(MAX_PAGES) + ")");
             return;
         }
@@ -403,19 +398,18 @@ void ScopeServer::install_routes() {
                     message += "}}\n\n";
                     if (!sink.write(message.data(), message.size())) return false;
                     bytes_sent_.fetch_add(message.size());
-                    last_stream_write_ns_.store(steady_ns());
+                    presence_.stream_wrote(steady_ns());
                     for (int slice = 0; slice < 11 && !stopping_.load(); ++slice) std::this_thread::sleep_for(3ms);
                 }
                 sink.done();
                 return true;
             },
-            [this](bool) { pages_.fetch_sub(1); });
+            [this](bool) { presence_.stream_closed(); });
     });
 
     http.Post("/api/alive", [this](const httplib::Request& request, httplib::Response& response) {
         const json body = parse_body(request);
-        page_hidden_.store(body.value("hidden", false));
-        last_heartbeat_ns_.store(steady_ns());
+        presence_.heartbeat(steady_ns(), body.value("hidden", false));
         response.status = 204;
     });
     http.Post("/api/start", [this](const httplib::Request& request, httplib::Response& response) {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "decimator.hpp"
+#include "presence.hpp"
 #include "security.hpp"
 #include "source.hpp"
 #include "traffic_tap.hpp"
@@ -71,7 +72,6 @@ private:
     std::string config_json() const;
     std::string status_json();
     bool any_running() const;
-    bool page_present(int64_t now_ns) const;
     void note_stopped(int address);
 
     ScopeSource& source_;
@@ -84,15 +84,7 @@ private:
     std::unique_ptr<httplib::Server> http_;
 
     std::atomic<bool> stopping_{false};
-    std::atomic<int> pages_{0};                   // event streams open now
-    // A page is there while it says so: it posts a heartbeat four times a
-    // second. A hidden tab's timers are slowed down by the browser, so for
-    // a page that said it is hidden an event stream that still takes data
-    // counts too (the socket's small send buffer makes a vanished network
-    // stall it within seconds).
-    std::atomic<int64_t> last_heartbeat_ns_{0};
-    std::atomic<bool> page_hidden_{false};
-    std::atomic<int64_t> last_stream_write_ns_{0};
+    PagePresence presence_;
     std::atomic<uint64_t> bytes_sent_{0};
     std::mutex notice_mutex_;
     std::string notice_;                          // shown on the page once
