@@ -365,3 +365,44 @@ def test_bad_arguments_are_refused_before_the_bus_opens():
         assert result.stdout == ""
         if message:
             assert result.stderr == message
+
+
+def test_malformed_requests_get_a_clear_refusal_and_change_nothing(scope):
+    def refusal(path, raw):
+        request = urllib.request.Request(scope.base + path, data=raw.encode(), method="POST", headers={
+            "Content-Type": "application/json", "X-Scope-Token": scope.token})
+        try:
+            urllib.request.urlopen(request, timeout=10)
+        except urllib.error.HTTPError as error:
+            body = error.read().decode()
+            return error.code, json.loads(body)["error"] if body else ""
+        raise AssertionError(path + " " + raw[:100] + " was accepted")
+
+    def parameters():
+        code, text = scope.request("GET", "/api/params?address=0x21")
+        assert code == 200
+        return {row["name"]: row["value"] for row in json.loads(text)["parameters"]}
+
+    before = parameters()
+    assert refusal("/api/start", "not json") == (400, "the request body is not JSON")
+    assert refusal("/api/start", "[1]") == (400, "the request body is not a JSON object")
+    assert refusal("/api/start", "{}") == (400, "no address given")
+    assert refusal("/api/start", '{"address": "0x5"}') == (400, "address 0x5 is outside 0x10..0x3FFE")
+    assert refusal("/api/start", '{"address": 2.5}') == (
+        400, 'address is neither a number nor a text such as "0x21"')
+    assert refusal("/api/start", '{"address": "0x30"}') == (400, "0x30 is not on this scope")
+    assert refusal("/api/setpoint", '{"address": "0x21", "value": "nan"}') == (
+        400, "invalid setpoint 'nan' (expected a finite number)")
+    assert refusal("/api/setpoint", '{"address": "0x21", "value": 1e400}')[0] == 400
+    assert refusal("/api/mode", '{"address": "0x21", "mode": "fly"}') == (
+        400, "unknown mode 'fly' (expected torque, speed, position or impedance)")
+    assert refusal("/api/params", '{"address": "0x21", "values": {"ADDRESS": 5}}') == (
+        400, "ADDRESS is changed with 'ocpctl address ADDR NEW', which follows the device")
+    assert refusal("/api/params", '{"address": "0x21", "values": {"NOPE": 1}}')[1].startswith(
+        "unknown parameter 'NOPE' (expected one of K_DAMP, ")
+    assert refusal("/api/params", '{"address": "0x21", "values": {"LIMIT_TORQUE": 1, "K_DAMP": "x"}}') == (
+        400, "invalid K_DAMP value 'x' (expected a number)")
+    assert refusal("/api/start", "{" * 100000)[0] == 413  # larger than any request of the page
+    assert parameters() == before  # not even LIMIT_TORQUE, whose value was good
+    assert len(before) == 31
+    assert all(not entry["running"] for entry in scope.status().values())
