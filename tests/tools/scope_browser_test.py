@@ -406,3 +406,11 @@ def test_malformed_requests_get_a_clear_refusal_and_change_nothing(scope):
     assert parameters() == before  # not even LIMIT_TORQUE, whose value was good
     assert len(before) == 31
     assert all(not entry["running"] for entry in scope.status().values())
+
+
+def test_a_port_in_use_is_refused_before_the_bus_opens(scope):
+    result = subprocess.run([OCPCTL, "scope", "0x21", "--port", str(scope.port)], capture_output=True, text=True,
+                            timeout=30)
+    assert (result.returncode, result.stdout) == (2, "")
+    assert result.stderr == ("ocpctl: cannot listen on 127.0.0.1:%d (in use, or not an address of this machine)\n"
+                             % scope.port)

@@ -90,13 +90,14 @@ int run_scope(const ScopeOptions& options, const GlobalOptions& global) {
     const std::string token = scope::make_token();
 
     const StopSignal stop_signal;
+    scope::ScopeServer server(config, scope::AccessPolicy(hosts, token));
+    const int port = server.bind();
     scope::TrafficTap* tap = nullptr;
     std::unique_ptr<scope::ScopeSource> source = scope::open_actuator_source(global, addresses, &tap);
-    scope::ScopeServer server(*source, tap, config, scope::AccessPolicy(hosts, token));
     // On every way out, in this order: no more requests, then the source
     // stops what it started and its feedback ends, then the server goes.
     const FinishSource finish_source{*source};
-    const int port = server.bind();
+    server.attach(*source, tap);
     server.start_streaming();
     const Serving serving(server);
 

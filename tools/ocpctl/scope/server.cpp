@@ -117,15 +117,17 @@ Trace::Trace(std::size_t channels) : decimator(channels + 1, BIN_S, KEPT_BINS), 
     for (auto& value : latest) value.store(NAN);
 }
 
-ScopeServer::ScopeServer(ScopeSource& source, TrafficTap* tap, ScopeConfig config, AccessPolicy policy)
-    : source_(source),
-      tap_(tap),
-      config_(std::move(config)),
+ScopeServer::ScopeServer(ScopeConfig config, AccessPolicy policy)
+    : config_(std::move(config)),
       policy_(std::move(policy)),
       epoch_(std::chrono::steady_clock::now()),
-      devices_(source.devices()),
       http_(std::make_unique<httplib::Server>()),
-      presence_(steady_ns()) {
+      presence_(steady_ns()) {}
+
+void ScopeServer::attach(ScopeSource& source, TrafficTap* tap) {
+    source_ = &source;
+    tap_ = tap;
+    devices_ = source.devices();
     for (const auto& device : devices_) traces_[device.address] = std::make_unique<Trace>(config_.items.size());
     install_routes();
 }
@@ -140,7 +142,7 @@ void ScopeServer::start_streaming() {
     std::vector<Item> streamed = config_.items;
     if (std::find(streamed.begin(), streamed.end(), Item::ERRORS_90) == streamed.end())
         streamed.push_back(Item::ERRORS_90);
-    source_.stream(streamed, config_.rate_hz, [this](int address, const FeedbackMap& feedback) {
+    source_->stream(streamed, config_.rate_hz, [this](int address, const FeedbackMap& feedback) {
         on_feedback(address, feedback);
     });
 }
@@ -170,6 +172,16 @@ void ScopeServer::on_feedback(int address, const FeedbackMap& feedback) {
 }
 
 int ScopeServer::bind() {
+    // The library's default would let a second scope share the port (and
+    // its connections); only a quick restart may reuse it.
+    http_->set_socket_options([](socket_t socket) {
+        const int yes = 1;
+        setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+        // A page whose network is gone stops taking data; with a small send
+        // buffer the event stream notices within seconds, not minutes.
+        const int bytes = 64 * 1024;
+        setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
+    });
     const int port = config_.port == 0 ? http_->bind_to_any_port(config_.host)
                                        : (http_->bind_to_port(config_.host, config_.port) ? config_.port : -1);
     if (port <= 0)
@@ -187,7 +199,7 @@ void ScopeServer::shutdown() {
 
 bool ScopeServer::any_running() const {
     for (const auto& device : devices_) {
-        if (source_.state(device.address).running) return true;
+        if (source_->state(device.address).running) return true;
     }
     return false;
 }
@@ -198,8 +210,8 @@ std::vector<int> ScopeServer::enforce_grace() {
     if (presence_.present(steady_ns(), static_cast<int64_t>(config_.grace_s * 1e9))) return {};
     std::vector<int> stopped;
     for (const auto& device : devices_) {
-        if (!source_.state(device.address).running) continue;
-        source_.stop(device.address);
+        if (!source_->state(device.address).running) continue;
+        source_->stop(device.address);
         note_stopped(device.address);
         stopped.push_back(device.address);
     }
@@ -260,7 +272,7 @@ std::string ScopeServer::status_json() {
     const int64_t now_ns = steady_ns();
     for (const auto& device : devices_) {
         const Trace& trace = *traces_.at(device.address);
-        const DeviceState state = source_.state(device.address);
+        const DeviceState state = source_->state(device.address);
         json entry;
         entry["address"] = device.address;
         entry["mode"] = std::string(ocp_api::mode_name(state.mode));
@@ -289,7 +301,7 @@ std::string ScopeServer::status_json() {
     if (tap_ != nullptr)
         status["traffic"] = {{"recording", tap_->recording()}, {"frames", tap_->frames()}, {"full", tap_->full()}};
     json statistics = json::array();
-    for (const auto& [name, value] : source_.statistics()) statistics.push_back({name, value});
+    for (const auto& [name, value] : source_->statistics()) statistics.push_back({name, value});
     status["statistics"] = statistics;
     {
         std::lock_guard<std::mutex> lock(notice_mutex_);
@@ -303,14 +315,8 @@ void ScopeServer::install_routes() {
     httplib::Server& http = *http_;
     http.set_payload_max_length(64 * 1024);
     http.set_read_timeout(5, 0);
-    // A page whose network is gone stops taking data; with a small send
-    // buffer the event stream notices within seconds, not minutes.
     http.set_write_timeout(2, 0);
-    http.set_socket_options([](socket_t socket) {
-        httplib::default_socket_options(socket);
-        const int bytes = 64 * 1024;
-        setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
-    });
+
     http.set_default_headers({{"X-Content-Type-Options", "nosniff"},
                               {"X-Frame-Options", "DENY"},
                               {"Referrer-Policy", "no-referrer"},
@@ -414,19 +420,19 @@ void ScopeServer::install_routes() {
     });
     http.Post("/api/start", [this](const httplib::Request& request, httplib::Response& response) {
         const int address = address_of(parse_body(request));
-        source_.start(address);
-        const DeviceState state = source_.state(address);
+        source_->start(address);
+        const DeviceState state = source_->state(address);
         traces_.at(address)->setpoint_shown.store(state.setpoint);
         answer_json(response, {{"started", hex(address)}});
     });
     http.Post("/api/stop", [this](const httplib::Request& request, httplib::Response& response) {
         const int address = address_of(parse_body(request));
-        source_.stop(address);
+        source_->stop(address);
         note_stopped(address);
         answer_json(response, {{"stopped", hex(address)}});
     });
     http.Post("/api/stop_all", [this](const httplib::Request&, httplib::Response& response) {
-        source_.stop_all();
+        source_->stop_all();
         json stopped = json::array();
         for (const auto& device : devices_) {
             note_stopped(device.address);
@@ -439,7 +445,7 @@ void ScopeServer::install_routes() {
         const int address = address_of(body);
         if (!body.contains("mode") || !body["mode"].is_string()) throw UsageError("no mode given");
         const Mode mode = parse_mode(body["mode"].get<std::string>());
-        source_.set_mode(address, mode);
+        source_->set_mode(address, mode);
         traces_.at(address)->setpoint_shown.store(NAN);
         answer_json(response, {{"address", hex(address)}, {"mode", std::string(ocp_api::mode_name(mode))}});
     });
@@ -448,8 +454,8 @@ void ScopeServer::install_routes() {
         const int address = address_of(body);
         if (!body.contains("value")) throw UsageError("no setpoint value given");
         const float value = parse_float(value_text(body["value"], "setpoint"), "setpoint");
-        source_.set_setpoint(address, value);
-        if (source_.state(address).running) traces_.at(address)->setpoint_shown.store(value);
+        source_->set_setpoint(address, value);
+        if (source_->state(address).running) traces_.at(address)->setpoint_shown.store(value);
         answer_json(response, {{"address", hex(address)}, {"setpoint", value}});
     });
 
@@ -457,7 +463,7 @@ void ScopeServer::install_routes() {
         const int address = parse_address(request.get_param_value("address"));
         const std::vector<Parameter> ids(ocp_api::OrreryActuator::ALL_PARAMETERS.begin(),
                                          ocp_api::OrreryActuator::ALL_PARAMETERS.end());
-        answer_json(response, {{"address", hex(address)}, {"parameters", parameter_rows(ids, source_.read_parameters(address, ids))}});
+        answer_json(response, {{"address", hex(address)}, {"parameters", parameter_rows(ids, source_->read_parameters(address, ids))}});
     });
     // The checks of `ocpctl params set`: known names, no ADDRESS, finite
     // numbers; nothing is sent unless every assignment passes.
@@ -477,12 +483,12 @@ void ScopeServer::install_routes() {
             if (values.count(id) == 0) ids.push_back(id);
             values[id] = number;
         }
-        source_.write_parameters(address, values);
-        answer_json(response, {{"address", hex(address)}, {"parameters", parameter_rows(ids, source_.read_parameters(address, ids))}});
+        source_->write_parameters(address, values);
+        answer_json(response, {{"address", hex(address)}, {"parameters", parameter_rows(ids, source_->read_parameters(address, ids))}});
     });
     http.Post("/api/save", [this](const httplib::Request& request, httplib::Response& response) {
         const int address = address_of(parse_body(request));
-        source_.save(address);
+        source_->save(address);
         answer_json(response, {{"saved", hex(address)}});
     });
 

@@ -47,15 +47,18 @@ struct Trace {
 
 class ScopeServer {
 public:
-    ScopeServer(ScopeSource& source, TrafficTap* tap, ScopeConfig config, AccessPolicy policy);
+    ScopeServer(ScopeConfig config, AccessPolicy policy);
     ~ScopeServer();
     ScopeServer(const ScopeServer&) = delete;
     ScopeServer& operator=(const ScopeServer&) = delete;
 
+    // Binds the address; returns the port. Throws UsageError when it cannot.
+    // Done first, so that a port in use is refused before the bus is opened.
+    int bind();
+    // What the page shows and drives; call once, after bind().
+    void attach(ScopeSource& source, TrafficTap* tap);
     // Starts streaming into the traces; call once before run().
     void start_streaming();
-    // Binds the address; returns the port. Throws UsageError when it cannot.
-    int bind();
     // Serves until shutdown(); runs on its own thread.
     void run();
     void shutdown();
@@ -74,8 +77,8 @@ private:
     bool any_running() const;
     void note_stopped(int address);
 
-    ScopeSource& source_;
-    TrafficTap* tap_;
+    ScopeSource* source_ = nullptr;
+    TrafficTap* tap_ = nullptr;
     const ScopeConfig config_;
     const AccessPolicy policy_;
     const std::chrono::steady_clock::time_point epoch_;
