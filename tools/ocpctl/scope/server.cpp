@@ -197,13 +197,6 @@ void ScopeServer::shutdown() {
     if (http_) http_->stop();
 }
 
-bool ScopeServer::any_running() const {
-    for (const auto& device : devices_) {
-        if (source_->state(device.address).running) return true;
-    }
-    return false;
-}
-
 void ScopeServer::note_stopped(int address) { traces_.at(address)->setpoint_shown.store(NAN); }
 
 std::vector<int> ScopeServer::enforce_grace() {

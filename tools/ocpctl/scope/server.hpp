@@ -74,7 +74,6 @@ private:
     void install_routes();
     std::string config_json() const;
     std::string status_json();
-    bool any_running() const;
     void note_stopped(int address);
 
     ScopeSource* source_ = nullptr;
