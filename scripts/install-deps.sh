@@ -6,6 +6,8 @@
 #   SocketCAN tests in a small VM: qemu, busybox, can-utils, iproute2 (the
 #     guest kernel itself is fetched with apt-get download and only unpacked)
 #   Python bindings: Debian's python3 with pybind11, pytest and python-can
+#   ocpctl scope: cpp-httplib (its server); chromium, chromium-driver and
+#     python3-selenium for the test of its page in a real browser
 set -euo pipefail
 
 packages=(
@@ -15,6 +17,7 @@ packages=(
   clang libclang-rt-14-dev
   qemu-system-x86 busybox-static can-utils iproute2 xz-utils binutils
   python3 python3-dev pybind11-dev python3-pybind11 python3-pytest python3-can
+  libcpp-httplib-dev chromium chromium-driver python3-selenium
 )
 
 missing=()

@@ -659,8 +659,8 @@ std::vector<std::string> complete(const std::string& line) {
 
 TEST(Ocpctl, BashCompletionCompletesSubcommandsOptionsAndNames) {
     using Words = std::vector<std::string>;
-    EXPECT_EQ(complete("ocpctl sc"), Words({"scan"}));
-    EXPECT_EQ(complete("ocpctl s"), Words({"save", "scan", "simulate", "start", "stop", "stream"}));
+    EXPECT_EQ(complete("ocpctl sc"), Words({"scan", "scope"}));
+    EXPECT_EQ(complete("ocpctl s"), Words({"save", "scan", "scope", "simulate", "start", "stop", "stream"}));
     EXPECT_EQ(complete("ocpctl params "), Words({"dump", "get", "load", "set"}));
     EXPECT_EQ(complete("ocpctl --bus sim list "), Words({"items", "params"}));
     EXPECT_EQ(complete("ocpctl move 0x21 --mode p"), Words({"position"}));
@@ -668,7 +668,7 @@ TEST(Ocpctl, BashCompletionCompletesSubcommandsOptionsAndNames) {
     EXPECT_EQ(complete("ocpctl params get 0x21 LIMIT_T"), Words({"LIMIT_TORQUE"}));
     EXPECT_EQ(complete("ocpctl address 0x21 0x30 --f"), Words({"--force"}));
     // Every subcommand in the help is offered.
-    EXPECT_EQ(complete("ocpctl ").size(), 20u);
+    EXPECT_EQ(complete("ocpctl ").size(), 21u);
 }
 
 TEST(Ocpctl, DemoRunsToTheEnd) {
