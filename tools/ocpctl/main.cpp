@@ -32,6 +32,7 @@ const char* const EXAMPLES =
     "  ocpctl --bus sim:0x21,0x40 scan --json\n"
     "  ocpctl scan --fast\n"
     "  ocpctl dump --log session.log\n"
+    "  ocpctl plan --can fd:1M/5M --actuators 4 --rate 1000\n"
     "\n"
     "Standard output carries results only; progress and diagnostics go to\n"
     "standard error. Exit status: 0 done, 1 a device or bus did not answer,\n"
@@ -72,6 +73,7 @@ int main(int argc, char** argv) {
     ocpctl::add_list_command(app, runner);
     ocpctl::add_dump_command(app, global, runner);
     ocpctl::add_emulate_command(app, global, runner);
+    ocpctl::add_plan_command(app, runner);
 
     try {
         app.parse(argc, argv);
