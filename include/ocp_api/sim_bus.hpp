@@ -27,6 +27,8 @@ struct SimBusOptions {
     std::chrono::microseconds reply_latency{200};     // between a frame and its reply, 0..60 s
     double loss_rate = 0.0;                           // chance that any one frame or reply is lost, 0..1
     uint32_t seed = 1;                                // of the loss draw, for reproducible runs
+    // Devices added enforce their limits as firmware does (see EmulatedActuator).
+    bool enforce_limits = true;
 };
 
 struct SimBusCounters {
