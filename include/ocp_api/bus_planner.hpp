@@ -42,11 +42,15 @@ struct BusPlan {
     std::vector<CanFrame> frames;   // in the order they go: command (and its flow control), then reply
     double actuator_us_nominal = 0;
     double actuator_us_worst = 0;
+    // With the stuff bits of these very frames: identifiers, PCI bytes and
+    // padding as on the bus, values typical of a moving joint.
+    double actuator_us_expected = 0;
     // All actuators.
     int frames_per_period = 0;
     double period_us = 0;           // the control period, 1e6 / rate
     double period_us_nominal = 0;   // bus time per period without stuff bits
     double period_us_worst = 0;     // with the most stuff bits every frame can have
+    double period_us_expected = 0;  // with the stuff bits of the planned frames
     double load_nominal = 0;        // bus time over the period
     double load_worst = 0;
     int max_actuators = 0;          // the most that fit in the period even with the most stuff bits

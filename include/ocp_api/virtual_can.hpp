@@ -36,6 +36,10 @@ struct VirtualCanOptions {
     // With timing: frames one endpoint may have waiting for the bus; a send
     // beyond that reports busy, as a full adapter queue does.
     std::size_t tx_queue_limit = 64;
+    // With timing and a data bit rate: CAN-FD frames go with the bit-rate
+    // switch whether or not their sender asked for it, as from an interface
+    // set up for it.
+    bool bit_rate_switch = true;
     // With timing: the chance that any one bit is corrupted, 0..1, drawn from
     // a generator seeded with `seed`.
     double bit_error_rate = 0.0;

@@ -52,6 +52,7 @@ struct VirtualCanChannel::Shared {
           timing(options.timing),
           manual_clock(options.manual_clock),
           tx_queue_limit(options.tx_queue_limit),
+          switch_bit_rate(options.timing && options.timing->data != 0 && options.bit_rate_switch),
           bit_error_rate(options.bit_error_rate),
           rng(options.seed),
           origin(SteadyClock::now()) {}
@@ -75,6 +76,7 @@ struct VirtualCanChannel::Shared {
     const std::optional<CanBitRates> timing;
     const bool manual_clock;
     const std::size_t tx_queue_limit;
+    const bool switch_bit_rate;
 
     std::mutex mutex;  // guards everything below and every endpoint's inbox and controller
     std::vector<Endpoint*> endpoints;
@@ -267,6 +269,7 @@ private:
         if (bus_off_) return SendResult::failed;
         if (tx_queue_.size() >= shared_->tx_queue_limit) return SendResult::busy;
         tx_queue_.push_back({frame, now});
+        if (shared_->switch_bit_rate && frame.fd) tx_queue_.back().frame.brs = true;
         shared_->pump(now);
         return SendResult::sent;
     }

@@ -145,12 +145,14 @@ BusPlan plan_bus(const BusPlanRequest& request) {
     for (const CanFrame& frame : plan.frames) {
         plan.actuator_us_nominal += microseconds(can_frame_duration(frame, request.rates, StuffBits::none));
         plan.actuator_us_worst += microseconds(can_frame_duration(frame, request.rates, StuffBits::worst));
+        plan.actuator_us_expected += microseconds(can_frame_duration(frame, request.rates, StuffBits::actual));
     }
     const int frames = static_cast<int>(plan.frames.size());
     plan.frames_per_period = frames * request.actuators;
     plan.period_us = 1e6 / request.rate_hz;
     plan.period_us_nominal = plan.actuator_us_nominal * request.actuators;
     plan.period_us_worst = plan.actuator_us_worst * request.actuators;
+    plan.period_us_expected = plan.actuator_us_expected * request.actuators;
     plan.load_nominal = plan.period_us_nominal / plan.period_us;
     plan.load_worst = plan.period_us_worst / plan.period_us;
     plan.max_actuators = static_cast<int>(std::floor(plan.period_us / plan.actuator_us_worst));

@@ -96,6 +96,7 @@ int run_plan(const PlanOptions& options) {
         result["period_us"] = rounded(plan.period_us, 1e-3);
         result["period_us_nominal"] = rounded(plan.period_us_nominal, 1e-3);
         result["period_us_worst"] = rounded(plan.period_us_worst, 1e-3);
+        result["period_us_expected"] = rounded(plan.period_us_expected, 1e-3);
         result["load_nominal"] = rounded(plan.load_nominal, 1e-6);
         result["load_worst"] = rounded(plan.load_worst, 1e-6);
         result["max_actuators"] = plan.max_actuators;
@@ -107,8 +108,8 @@ int run_plan(const PlanOptions& options) {
                 request.actuators, request.actuators == 1 ? "" : "s", request.rate_hz, plan.period_us,
                 options.command.c_str(), request.items, request.items == 1 ? "" : "s");
     std::printf("Frames per period:        %d (%zu per actuator)\n", plan.frames_per_period, plan.frames.size());
-    std::printf("Bus time per period:      %.1f us without stuff bits, %.1f us with the most\n",
-                plan.period_us_nominal, plan.period_us_worst);
+    std::printf("Bus time per period:      %.1f us without stuff bits, %.1f us with the most, %.1f us typical\n",
+                plan.period_us_nominal, plan.period_us_worst, plan.period_us_expected);
     std::printf("Load:                     %.1f %% to %.1f %% of the period\n", 100.0 * plan.load_nominal,
                 100.0 * plan.load_worst);
     std::printf("Most actuators that fit:  %d at %g Hz (with the most stuff bits)\n", plan.max_actuators,
