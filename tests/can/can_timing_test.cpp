@@ -303,6 +303,21 @@ TEST(TimedVirtualCan, FullTransmitQueueReportsBusy) {
     EXPECT_EQ(drain_ids(*device), (std::vector<uint32_t>{1, 2}));
 }
 
+TEST(TimedVirtualCan, CanFdFramesGoWithTheBitRateSwitchAtTheDataRate) {
+    VirtualCanChannel channel(timed(1000000, 5000000));
+    auto a = channel.open(true);
+    auto b = channel.open(true);
+    const CanFrame frame = frame_of(0, false, 8, true, false);  // the sender did not ask for BRS
+    const auto switched = can_frame_duration(frame_of(0, false, 8, true, true), CanBitRates{1000000, 5000000});
+    EXPECT_EQ(switched, 53800ns);
+    ASSERT_EQ(a->send_frame(frame), CanLink::SendResult::sent);
+    channel.advance(switched);
+    const CanLinkEvent event = b->receive(0ns);
+    ASSERT_EQ(event.type, CanLinkEvent::Type::frame);
+    EXPECT_TRUE(event.frame.brs);
+    EXPECT_EQ(channel.bus_stats().busy, switched);
+}
+
 TEST(TimedVirtualCan, InstantChannelHasNoBusClock) {
     VirtualCanChannel channel;
     EXPECT_FALSE(channel.timed());
