@@ -42,7 +42,8 @@ struct CanFrameBits {
 // CAN-FD frames: the same up to the data field; then the stuff count and the
 // CRC-17 (up to 16 data bytes) or CRC-21 with their fixed stuff bits. With
 // the bit-rate switch, the bits after the BRS bit up to the CRC delimiter are
-// data-phase bits.
+// data-phase bits. Throws std::invalid_argument for a length no frame of its
+// kind has (is_valid_frame_length).
 CanFrameBits can_frame_bits(const CanFrame& frame, StuffBits stuffing = StuffBits::actual);
 
 // The time `bits` take at `rates`.

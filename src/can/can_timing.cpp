@@ -132,6 +132,8 @@ void validate(const CanBitRates& rates) {
 }
 
 CanFrameBits can_frame_bits(const CanFrame& frame, StuffBits stuffing) {
+    if (!is_valid_frame_length(frame.len, frame.fd))
+        throw std::invalid_argument("no CAN frame carries " + std::to_string(frame.len) + " data bytes");
     BitString bits;
     std::size_t brs_end = 0;
     lay_out_header_and_data(frame, bits, brs_end);

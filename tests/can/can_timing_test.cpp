@@ -105,6 +105,14 @@ TEST(CanFrameBits, ArbitrationKeys) {
     EXPECT_LT(can_arbitration_key(frame_of(0x00D00021, true, 0)), can_arbitration_key(frame_of(0x00D04021, true, 0)));
 }
 
+TEST(CanFrameBits, InvalidLengthsAreRefused) {
+    EXPECT_THROW(can_frame_bits(frame_of(1, false, 9)), std::invalid_argument);
+    EXPECT_THROW(can_frame_bits(frame_of(1, false, 13, true)), std::invalid_argument);
+    CanFrame huge = frame_of(1, true, 0, true);
+    huge.len = 200;
+    EXPECT_THROW(can_frame_bits(huge), std::invalid_argument);
+}
+
 TEST(CanFrameBits, RatesAreChecked) {
     EXPECT_THROW(validate(CanBitRates{5000, 0}), std::invalid_argument);
     EXPECT_THROW(validate(CanBitRates{1000000, 500000}), std::invalid_argument);
