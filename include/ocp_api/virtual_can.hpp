@@ -102,8 +102,10 @@ public:
     VirtualCanBusStats bus_stats() const;
     // An endpoint's controller; `endpoint` must come from this channel's open().
     CanControllerStatus controller(const CanLink& endpoint) const;
-    // An unplugged endpoint's frames are acknowledged by nobody and it receives
-    // nothing; its controller walks to error-passive and keeps retrying.
+    // An unplugged endpoint receives nothing and acknowledges nothing, so a
+    // sender left alone on the bus walks to error-passive and keeps retrying.
+    // Its own frames go on a wire of its own, where each attempt ends in an
+    // ACK error: it too walks to error-passive, and the bus sees none of it.
     void unplug(const CanLink& endpoint, bool unplugged = true);
     void set_bit_error_rate(double rate);
     // A node that sends `frame` again and again, `gap` apart (0: as soon as

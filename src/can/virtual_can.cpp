@@ -104,6 +104,7 @@ struct VirtualCanChannel::Shared {
 
 private:
     bool start_next(Nanos now);
+    void retry_alone(Endpoint& endpoint, Nanos now);
     void finish(const Transmission& tx);
     void recover_while_idle(Nanos until);
     bool acknowledged(const Endpoint* source) const;
@@ -253,7 +254,13 @@ public:
     bool bus_off() const { return bus_off_; }
     bool on_bus() const { return !bus_off_ && !unplugged_; }
     bool unplugged() const { return unplugged_; }
-    void set_unplugged(bool unplugged) { unplugged_ = unplugged; }
+    void set_unplugged(bool unplugged, Nanos now) {
+        unplugged_ = unplugged;
+        alone_free_at_ = now;
+    }
+    // When the unplugged controller's next attempt on its own wire starts.
+    Nanos alone_free_at() const { return alone_free_at_; }
+    void set_alone_free_at(Nanos at) { alone_free_at_ = at; }
     const CanControllerStatus& controller() const { return controller_; }
 
     struct Waiting {
@@ -261,6 +268,7 @@ public:
         Nanos queued{0};
     };
     std::deque<Waiting>& tx_queue() { return tx_queue_; }
+    const std::deque<Waiting>& tx_queue() const { return tx_queue_; }
 
 private:
     SendResult queue_for_bus(const CanFrame& frame) {
@@ -285,12 +293,16 @@ private:
     CanControllerStatus controller_;
     bool bus_off_ = false;
     bool unplugged_ = false;
+    Nanos alone_free_at_{0};
     int64_t recessive_sequences_ = 0;
 };
 
 // --- the timed bus ---------------------------------------------------------
 
 void VirtualCanChannel::Shared::pump(Nanos now) {
+    for (Endpoint* endpoint : endpoints) {
+        if (endpoint->unplugged()) retry_alone(*endpoint, now);
+    }
     for (;;) {
         if (in_flight) {
             if (in_flight->end > now) return;
@@ -361,6 +373,30 @@ bool VirtualCanChannel::Shared::start_next(Nanos now) {
     in_flight = tx;
     wake_everyone();  // waiting owners learn the bus's next event
     return true;
+}
+
+// An unplugged controller sends on a wire of its own: every attempt ends in an
+// ACK error, and it retries until it is plugged in again. The shared bus sees
+// none of it.
+void VirtualCanChannel::Shared::retry_alone(Endpoint& endpoint, Nanos now) {
+    if (endpoint.bus_off() || endpoint.tx_queue().empty()) return;
+    const auto& head = endpoint.tx_queue().front();
+    const CanFrameBits bits = can_frame_bits(head.frame);
+    const Nanos whole = can_bits_duration(bits, *timing);
+    const Nanos attempt = Nanos(whole.count() * (bits.total() - BITS_AFTER_ACK_SLOT) / bits.total()) +
+                          nominal_bits(ERROR_FRAME_BITS);
+    Nanos at = std::max(endpoint.alone_free_at(), head.queued);
+    while (at + attempt <= now) {
+        if (endpoint.controller().state == CanLinkState::error_passive) {
+            // Passive: ACK errors no longer count; only time passes.
+            at += attempt * ((now - at) / attempt);
+            break;
+        }
+        at += attempt;
+        stats.tx_dropped += endpoint.transmit_error(true);
+        if (endpoint.bus_off()) break;
+    }
+    endpoint.set_alone_free_at(at);
 }
 
 bool VirtualCanChannel::Shared::acknowledged(const Endpoint* source) const {
@@ -439,6 +475,9 @@ std::optional<Nanos> VirtualCanChannel::Shared::next_event() const {
     auto consider = [&next](Nanos at) { next = next ? std::min(*next, at) : at; };
     if (babbler) consider(std::max(babbler->next_ready, free_at));
     for (const Endpoint* endpoint : endpoints) {
+        if (endpoint->unplugged() && !endpoint->tx_queue().empty() &&
+            endpoint->controller().state != CanLinkState::error_passive)
+            consider(std::max(endpoint->alone_free_at(), endpoint->tx_queue().front().queued));
         if (endpoint->bus_off())
             consider(free_at + endpoint->recessive_sequences_needed() * nominal_bits(RECESSIVE_SEQUENCE_BITS));
     }
@@ -538,9 +577,11 @@ CanControllerStatus VirtualCanChannel::controller(const CanLink& endpoint) const
 void VirtualCanChannel::unplug(const CanLink& endpoint, bool unplugged) {
     require_timing(timed());
     std::lock_guard<std::mutex> lock(shared_->mutex);
+    const Nanos now = shared_->now();
+    if (!shared_->manual_clock) shared_->pump(now);
     for (Endpoint* e : shared_->endpoints) {
         if (e == &endpoint) {
-            e->set_unplugged(unplugged);
+            e->set_unplugged(unplugged, now);
             return;
         }
     }

@@ -280,6 +280,42 @@ TEST(TimedVirtualCan, UnpluggedPeerLeavesTheSenderErrorPassiveRetrying) {
     EXPECT_EQ(channel.controller(*host).transmit_errors, 127);
 }
 
+TEST(TimedVirtualCan, UnpluggedSenderRetriesOnItsOwnWire) {
+    VirtualCanChannel channel(timed());
+    auto host = channel.open();
+    auto device = channel.open();
+    channel.unplug(*device);
+    ASSERT_EQ(device->send_frame(frame_of(0x00D04021, true, 8)), CanLink::SendResult::sent);
+    channel.advance(20ms);
+    EXPECT_EQ(channel.controller(*device).transmit_errors, 128);
+    EXPECT_EQ(drain_states(*device),
+              (std::vector<CanLinkState>{CanLinkState::error_warning, CanLinkState::error_passive}));
+    EXPECT_TRUE(drain_ids(*host).empty());
+    EXPECT_EQ(channel.bus_stats().error_frames, 0u);  // the shared bus saw nothing
+    EXPECT_EQ(channel.bus_stats().busy, 0ns);
+    channel.unplug(*device, false);
+    channel.advance(1ms);
+    EXPECT_EQ(drain_ids(*host), std::vector<uint32_t>{0x00D04021});
+    EXPECT_EQ(channel.controller(*device).transmit_errors, 127);
+}
+
+TEST(TimedVirtualCan, PingFramesOfEveryAddressTake135To141Bits) {
+    // What the README's scan --fast bus load rests on: a one-byte ping padded
+    // to 8 bytes, 131 bits without stuff bits, 160 with the most.
+    uint32_t shortest = 1000;
+    uint32_t longest = 0;
+    for (uint32_t address = 0x10; address <= 0x3FFE; ++address) {
+        CanFrame ping = frame_of(0x00D00000 + address, true, 8, false, false, 0xCC);
+        ping.data[0] = 0x01;
+        ping.data[1] = 0x40;
+        const uint32_t bits = can_frame_bits(ping).total();
+        shortest = std::min(shortest, bits);
+        longest = std::max(longest, bits);
+    }
+    EXPECT_EQ(shortest, 135u);
+    EXPECT_EQ(longest, 141u);
+}
+
 TEST(TimedVirtualCan, BabblingNodeStarvesHigherIdentifiers) {
     VirtualCanChannel channel(timed());
     auto host = channel.open();
