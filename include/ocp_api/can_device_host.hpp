@@ -33,6 +33,8 @@ struct CanDeviceHostOptions {
     // (the scanner starts its answer period only after its ping is sent) would
     // be missed, so the default models a quick device rather than none.
     std::chrono::microseconds reply_latency{200};
+    // Devices added enforce their limits as firmware does (see EmulatedActuator).
+    bool enforce_limits = true;
 };
 
 struct CanDeviceHostCounters {

@@ -70,6 +70,20 @@ public:
     void power_cycle();
     bool in_bootloader() const;
     int blink_count() const;
+    // Limits as firmware enforces them, on unless the bus's options say
+    // otherwise: torque references clamped to LIMIT_TORQUE, speed references
+    // to LIMIT_SPEED_MIN..MAX, position references to LIMIT_POSITION_MIN..MAX;
+    // each condition holds its bit of the error word ("Torque reference
+    // maximum", "Speed feedback maximum", "Position reference maximum" and
+    // "minimum", "Position feedback maximum" and "minimum") while it lasts,
+    // and an ERROR_FLAGS record goes out when one arises. Limits where a
+    // minimum exceeds its maximum (or a negative torque limit) raise "Invalid
+    // limits" and stop the device, which then refuses to start. The physics
+    // itself (OrreryActuatorVirtual) clamps nothing.
+    void set_enforce_limits(bool on);
+    bool enforces_limits() const;
+    // The error word the device reports: injected errors and limit conditions.
+    uint32_t error_word() const;
     // A silent device ignores every frame and sends nothing, as if unplugged.
     void set_silent(bool silent);
     bool is_silent() const;

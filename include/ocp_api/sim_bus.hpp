@@ -31,6 +31,8 @@ struct SimBusOptions {
     std::size_t queue_limit = 256;
     // A setpoint that waited longer than this for the worker is dropped.
     std::chrono::milliseconds setpoint_max_age{100};
+    // Devices added enforce their limits as firmware does (see EmulatedActuator).
+    bool enforce_limits = true;
 };
 
 struct SimBusCounters {

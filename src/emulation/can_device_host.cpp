@@ -65,7 +65,7 @@ void CanDeviceHost::close() {
 
 EmulatedActuator& CanDeviceHost::add_actuator(int address, uint16_t model_code, uint16_t firmware_word) {
     std::lock_guard<std::mutex> lock(mutex_);
-    return devices_->add(*this, address, model_code, firmware_word, "this CAN link");
+    return devices_->add(*this, address, model_code, firmware_word, "this CAN link", options_.enforce_limits);
 }
 
 void CanDeviceHost::remove_actuator(int address) {

@@ -26,13 +26,14 @@ std::out_of_range no_device_at(int address) {
 DeviceRoster::DeviceRoster(Clock::time_point epoch, double time_scale) : clock_(epoch, time_scale) {}
 
 EmulatedActuator& DeviceRoster::add(EmulatedDeviceOwner& owner, int address, uint16_t model_code,
-                                    uint16_t firmware_word, const char* medium) {
+                                    uint16_t firmware_word, const char* medium, bool enforce_limits) {
     if (!wire::is_valid_device_address(address))
         throw std::invalid_argument("Invalid address " + hex_address(address) + " for an emulated actuator: must be "
                                     "0x10..0x3ffe");
     if (device(address) != nullptr)
         throw std::invalid_argument("Address " + hex_address(address) + " is already taken on " + medium);
     auto logic = std::make_unique<EmulatedDevice>(address, model_code, firmware_word, steps_done_);
+    logic->set_enforce_limits(enforce_limits);
     devices_.push_back(std::unique_ptr<EmulatedActuator>(new EmulatedActuator(owner, std::move(logic))));
     return *devices_.back();
 }

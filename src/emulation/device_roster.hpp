@@ -33,7 +33,7 @@ public:
     // std::invalid_argument for an address outside 0x10..0x3FFE or one a
     // device already answers to; `medium` ends that message ("the simulated bus").
     EmulatedActuator& add(EmulatedDeviceOwner& owner, int address, uint16_t model_code, uint16_t firmware_word,
-                          const char* medium);
+                          const char* medium, bool enforce_limits = true);
     // Both throw std::out_of_range when no device answers to `address`.
     void remove(int address);
     EmulatedActuator& actuator(int address) const;

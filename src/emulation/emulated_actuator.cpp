@@ -47,6 +47,21 @@ int EmulatedActuator::blink_count() const {
     return device_->blink_count();
 }
 
+void EmulatedActuator::set_enforce_limits(bool on) {
+    std::lock_guard<std::mutex> lock(owner_.device_mutex());
+    device_->set_enforce_limits(on);
+}
+
+bool EmulatedActuator::enforces_limits() const {
+    std::lock_guard<std::mutex> lock(owner_.device_mutex());
+    return device_->enforces_limits();
+}
+
+uint32_t EmulatedActuator::error_word() const {
+    std::lock_guard<std::mutex> lock(owner_.device_mutex());
+    return device_->error_word();
+}
+
 void EmulatedActuator::set_silent(bool silent) {
     std::lock_guard<std::mutex> lock(owner_.device_mutex());
     device_->set_silent(silent);

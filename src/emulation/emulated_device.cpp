@@ -100,6 +100,8 @@ void EmulatedDevice::restart_with(const OrreryActuatorVirtual::ParameterMap& par
     physics_.change_address(address);
     stop_streaming();
     error_word_ = 0;
+    limits_.clear();
+    reported_limit_bits_ = 0;
     bootloader_ = false;
 }
 
@@ -119,7 +121,7 @@ std::vector<uint8_t> EmulatedDevice::item_records(const std::vector<OCP_Items>& 
         if (item == OCP_Items::ERRORS_90) {
             // The error word goes out as it is, not through a float.
             wire::append_u8(bytes, static_cast<uint8_t>(item));
-            wire::append_u32(bytes, error_word_);
+            wire::append_u32(bytes, error_word());
         } else {
             wire::append_item_record(bytes, code_of(item), physics_.item_value(item));
         }
@@ -134,6 +136,10 @@ void EmulatedDevice::advance_to(int64_t target, Replies& out) {
         const int64_t stop = std::min({target, next_stream_step_, steps_done_ + INT_MAX});
         physics_.start_steps(static_cast<int>(stop - steps_done_));
         steps_done_ = stop;
+        if (enforce_limits_) {
+            limits_.check_feedback(physics_);
+            report_limits(steps_done_, out);
+        }
         if (steps_done_ == next_stream_step_) {
             if (answering(steps_done_)) reply(out, item_records(stream_items_), wire::REPLY_STREAMED, steps_done_);
             next_stream_step_ += stream_period_;
@@ -145,7 +151,7 @@ void EmulatedDevice::handle_frame(const wire::Frame& frame, int64_t now, Replies
     if (frame.empty() || !answering(now)) return;
     const auto command = static_cast<Command>(frame[0]);
     switch (command) {
-        case Command::START: physics_.start(); break;
+        case Command::START: on_start(); break;
         case Command::STOP: physics_.stop(); break;
         case Command::SET_MODE:
             if (frame.size() >= 2) physics_.change_mode(static_cast<Mode>(frame[1]));
@@ -163,7 +169,10 @@ void EmulatedDevice::handle_frame(const wire::Frame& frame, int64_t now, Replies
         case Command::SET_FEEDBACK_RATE: on_set_feedback_rate(frame); break;
         case Command::SET_FEEDBACK_ITEMS: on_set_feedback_items(frame); break;
         case Command::GET_ITEMS: on_get_items(frame, now, out); break;
-        case Command::SET_PARAMETERS: on_set_parameters(frame); break;
+        case Command::SET_PARAMETERS:
+            on_set_parameters(frame);
+            check_limits_after_parameters();
+            break;
         case Command::GET_PARAMETERS: on_get_parameters(frame, now, out); break;
         case Command::SET_TORQUE_PERFORMANCE:
             if (frame.size() >= 2) physics_.set_torque_performance(static_cast<TorquePerformance>(frame[1]));
@@ -183,11 +192,13 @@ void EmulatedDevice::handle_frame(const wire::Frame& frame, int64_t now, Replies
         case Command::BLINK: ++blinks_; break;
         default: break;  // a device ignores what it does not know
     }
+    if (enforce_limits_) report_limits(now, out);
 }
 
 void EmulatedDevice::on_setpoint(Command command, const wire::Frame& frame) {
     if (frame.size() != 1 + sizeof(float) * setpoint_floats(command)) return;  // malformed: ignored
-    const std::vector<float> a = read_floats(frame);
+    std::vector<float> a = read_floats(frame);
+    if (enforce_limits_) clamp_references(command, a);
     switch (command) {
         case Command::SET_SETPOINT:
         case Command::SET_SETPOINT_EXT:  // the two extra values are carried, not modelled
@@ -206,6 +217,48 @@ void EmulatedDevice::on_setpoint(Command command, const wire::Frame& frame) {
             physics_.change_position_setpoint(a[0], a[1], a[2], a[3], a[4], a[5]);
             break;
         default: break;
+    }
+}
+
+void EmulatedDevice::clamp_references(Command command, std::vector<float>& a) {
+    switch (command) {
+        case Command::SET_SETPOINT:
+        case Command::SET_SETPOINT_EXT: a[0] = limits_.setpoint_reference(a[0], physics_); break;
+        case Command::SET_TORQUE_SETPOINT: a[0] = limits_.torque_reference(a[0], physics_); break;
+        case Command::SET_SPEED_SETPOINT:
+        case Command::SET_SPEED_SETPOINT_INTERNAL: a[0] = limits_.speed_reference(a[0], physics_); break;
+        case Command::SET_POSITION_SETPOINT:
+        case Command::SET_POSITION_SETPOINT_INTERNAL:
+        case Command::SET_IMPEDANCE_SETPOINT: a[0] = limits_.position_reference(a[0], physics_); break;
+        default: break;
+    }
+}
+
+void EmulatedDevice::on_start() {
+    // Firmware does not run with limits that contradict each other.
+    if (enforce_limits_ && !limits_.check_limits_valid(physics_)) return;
+    physics_.start();
+}
+
+void EmulatedDevice::check_limits_after_parameters() {
+    if (enforce_limits_ && !limits_.check_limits_valid(physics_)) physics_.stop();
+}
+
+void EmulatedDevice::report_limits(int64_t now, Replies& out) {
+    const uint32_t bits = limits_.bits();
+    const bool new_condition = (bits & ~reported_limit_bits_) != 0;
+    reported_limit_bits_ = bits;
+    if (!new_condition || !answering(now)) return;
+    std::vector<uint8_t> bytes{static_cast<uint8_t>(wire::RecordCode::ERROR_FLAGS)};
+    wire::append_u32(bytes, error_word());
+    reply(out, std::move(bytes), wire::REPLY_STREAMED, now);
+}
+
+void EmulatedDevice::set_enforce_limits(bool on) {
+    enforce_limits_ = on;
+    if (!on) {
+        limits_.clear();
+        reported_limit_bits_ = 0;
     }
 }
 

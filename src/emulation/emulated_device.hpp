@@ -8,6 +8,7 @@
 #include <limits>
 #include <vector>
 
+#include "emulation/device_limits.hpp"
 #include "ocp_api/orrery_actuator_virtual.hpp"
 #include "ocp_api/wire.hpp"
 
@@ -50,6 +51,11 @@ public:
 
     void inject_errors(uint32_t error_word, int64_t now, Replies& out);
     void power_cycle();
+    // Firmware limits (on by default): references clamped, conditions
+    // reported in the error word and by an error record.
+    void set_enforce_limits(bool on);
+    bool enforces_limits() const { return enforce_limits_; }
+    uint32_t error_word() const { return error_word_ | limits_.bits(); }
     bool in_bootloader() const { return bootloader_; }
     int blink_count() const { return blinks_; }
     void set_silent(bool silent) { silent_ = silent; }
@@ -70,6 +76,11 @@ private:
     void on_get_items(const wire::Frame& frame, int64_t now, Replies& out);
     void on_clear_config(int64_t now);
     void on_setpoint(wire::Command command, const wire::Frame& frame);
+    void clamp_references(wire::Command command, std::vector<float>& values);
+    void on_start();
+    void check_limits_after_parameters();
+    // Sends an error record when a limit condition newly arose.
+    void report_limits(int64_t now, Replies& out);
 
     const uint16_t model_code_;
     const uint16_t firmware_word_;
@@ -80,7 +91,10 @@ private:
     std::vector<OCP_Items> stream_items_;
     uint32_t stream_period_ = 0;  // in steps of 100 us, as on the wire
     int64_t next_stream_step_ = NEVER;
-    uint32_t error_word_ = 0;
+    uint32_t error_word_ = 0;  // injected errors
+    DeviceLimits limits_;
+    bool enforce_limits_ = true;
+    uint32_t reported_limit_bits_ = 0;
     bool silent_ = false;
     bool bootloader_ = false;
     int64_t resetting_until_ = 0;

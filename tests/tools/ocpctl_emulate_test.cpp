@@ -47,3 +47,14 @@ TEST(OcpctlEmulate, AnInterfaceThatCannotOpenIsNamed) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(OcpctlEmulate, HelpOffersTurningTheLimitsOff) {
+    const auto help = ocpctl({"emulate", "--help"});
+    EXPECT_EQ(help.exit_status, 0);
+    EXPECT_NE(help.out.find("--no-limits"), std::string::npos);
+    EXPECT_NE(help.out.find("clamp"), std::string::npos);
+}
+
+}  // namespace

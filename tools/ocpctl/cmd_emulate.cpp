@@ -27,6 +27,7 @@ struct EmulateOptions {
     std::string model = "HERON_A";
     std::string firmware = "1.1.2";
     bool verbose = false;
+    bool no_limits = false;
 };
 
 volatile std::sig_atomic_t hangups = 0;
@@ -118,6 +119,7 @@ int run_emulate(const EmulateOptions& options, const GlobalOptions& global) {
     link_options.fd = choice.fd;
     link_options.filters = {ocp_api::mapped_frames_filter(ocp_api::can::Direction::to_device)};
     ocp_api::CanDeviceHostOptions host_options;
+    host_options.enforce_limits = !options.no_limits;
     host_options.isotp.fd = choice.fd;
     host_options.isotp.fd_data_length = choice.fd_data_length;
     // The handlers are in place before any device answers: a signal at any
@@ -152,9 +154,12 @@ void add_emulate_command(CLI::App& app, const GlobalOptions& global, Runner& run
     emulate->add_option("--model", options->model, "Model every device reports")->capture_default_str();
     emulate->add_option("--firmware", options->firmware, "Firmware version X.Y.Z")->capture_default_str();
     emulate->add_flag("-v,--verbose", options->verbose, "Print each command received, decoded");
+    emulate->add_flag("--no-limits", options->no_limits,
+                      "Accept any setpoint: no clamping to the LIMIT_* parameters and no limit errors");
     emulate->footer(
         "Needs --bus socketcan:IF[,fd]. Runs until Ctrl-C or SIGTERM; SIGHUP power-cycles every device\n"
-        "(saved parameters and addresses stay, unsaved changes are lost).\n"
+        "(saved parameters and addresses stay, unsaved changes are lost). Like firmware, the devices clamp\n"
+        "references to their LIMIT_* parameters and report each limit reached as an error (--no-limits: off).\n"
         "Examples:\n  ocpctl --bus socketcan:vcan0 emulate 0x21,0x22 -v\n"
         "  ocpctl --bus socketcan:vcan0,fd emulate 0x30 --model KESTREL_B --firmware 1.4.3");
     emulate->callback(

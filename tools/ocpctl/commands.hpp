@@ -22,5 +22,6 @@ void add_list_command(CLI::App& app, Runner& runner);
 void add_dump_command(CLI::App& app, const GlobalOptions& global, Runner& runner);
 void add_emulate_command(CLI::App& app, const GlobalOptions& global, Runner& runner);
 void add_scope_command(CLI::App& app, const GlobalOptions& global, Runner& runner);
+void add_plan_command(CLI::App& app, Runner& runner);
 
 }  // namespace ocpctl

@@ -33,6 +33,7 @@ const char* const EXAMPLES =
     "  ocpctl scan --fast\n"
     "  ocpctl dump --log session.log\n"
     "  ocpctl scope 0x21 0x22\n"
+    "  ocpctl plan --can fd:1M/5M --actuators 4 --rate 1000\n"
     "\n"
     "Standard output carries results only; progress and diagnostics go to\n"
     "standard error. Exit status: 0 done, 1 a device or bus did not answer,\n"
@@ -74,6 +75,7 @@ int main(int argc, char** argv) {
     ocpctl::add_dump_command(app, global, runner);
     ocpctl::add_emulate_command(app, global, runner);
     ocpctl::add_scope_command(app, global, runner);
+    ocpctl::add_plan_command(app, runner);
 
     try {
         app.parse(argc, argv);

@@ -105,7 +105,7 @@ SimBus::~SimBus() {
 
 EmulatedActuator& SimBus::add_actuator(int address, uint16_t model_code, uint16_t firmware_word) {
     std::lock_guard<std::mutex> lock(mutex_);
-    return devices_->add(*this, address, model_code, firmware_word, "the simulated bus");
+    return devices_->add(*this, address, model_code, firmware_word, "the simulated bus", options_.enforce_limits);
 }
 
 int64_t SimBus::device_step() const { return devices_->steps_done(); }
