@@ -106,8 +106,9 @@ private:
 
 // Stops a group on SIGINT, SIGTERM, SIGHUP and SIGQUIT before the signal
 // takes its usual course: the handler only wakes the guard's thread, which
-// asks the runner (if any) to stop, stops every actuator, then restores the
-// disposition that was in force before the guard and sends the signal again.
+// stops every actuator, restores the disposition that was in force before the
+// guard and sends the signal again. When the process lives on (the signal was
+// caught or ignored before the guard), it asks the runner, if any, to stop.
 // One guard at a time per process; the constructor throws std::logic_error
 // for a second one. The destructor restores the previous dispositions.
 class SignalGuard {

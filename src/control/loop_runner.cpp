@@ -166,6 +166,14 @@ LoopResult LoopRunner::run(const PeriodCallback& callback, std::chrono::nanoseco
         int64_t skipped = 0;
         if (woke - next >= period) {
             skipped = (woke - next) / period;
+            if (next + skipped * period > end) {
+                // Woke past the end of the run: the deadlines up to the end
+                // were all missed, and none after it belongs to this run.
+                std::lock_guard<std::mutex> lock(statistics_mutex_);
+                statistics_.missed_periods += static_cast<uint64_t>((end - next) / period + 1);
+                result.end = LoopEnd::duration_elapsed;
+                break;
+            }
             next += skipped * period;
             missed_in_row += skipped;
         } else {

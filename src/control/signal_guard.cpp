@@ -102,7 +102,6 @@ void SignalGuard::run() {
         const int signal_number = byte;
         int expected = 0;
         state_->received.compare_exchange_strong(expected, signal_number);
-        if (state_->runner) state_->runner->request_stop();
         state_->group.stop_all();
         bool resend = false;
         {
@@ -115,6 +114,9 @@ void SignalGuard::run() {
             }
         }
         if (resend) kill(getpid(), signal_number);
+        // Still here: the signal was caught or ignored before the guard. The
+        // actuators are stopped, so the loop has nothing left to do.
+        if (state_->runner) state_->runner->request_stop();
     }
 }
 
