@@ -33,7 +33,7 @@ struct LoopOptions {
     // The watchdog stops every actuator when this many periods in a row are
     // missed: the loop woke that late, or a period (the host's callback) has
     // not ended that long after its deadline. 0 switches the watchdog off.
-    int watchdog_missed_periods = 5;
+    int watchdog_missed_periods = 10;
     // Opt-in real-time settings of the loop's thread, applied when run()
     // starts; run() throws std::system_error saying what is missing when the
     // process may not have them.

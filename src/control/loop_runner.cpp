@@ -7,6 +7,7 @@
 #include <pthread.h>
 #include <sched.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <time.h>
 
 #include <cerrno>
@@ -105,6 +106,7 @@ LoopResult LoopRunner::run(const PeriodCallback& callback, std::chrono::nanoseco
         std::mutex mutex;
         std::condition_variable wake;
         bool done = false;
+        long timer_slack_ns = -1;
         ~Finish() {
             {
                 std::lock_guard<std::mutex> lock(mutex);
@@ -112,13 +114,19 @@ LoopResult LoopRunner::run(const PeriodCallback& callback, std::chrono::nanoseco
             }
             wake.notify_all();
             if (watchdog.joinable()) watchdog.join();
+            if (timer_slack_ns >= 0) prctl(PR_SET_TIMERSLACK, static_cast<unsigned long>(timer_slack_ns));
             runner.period_deadline_ns_.store(0);
             runner.stop_requested_.store(false);
             runner.running_.store(false);
         }
-    } finish{*this, {}, {}, {}, false};
+    } finish{*this, {}, {}, {}, false, -1};
 
     apply_realtime_settings();
+    // The kernel may let a sleep run up to the thread's timer slack (50 us by
+    // default) past its deadline to batch wake-ups; a control loop wants its
+    // deadline, so the slack is 1 ns while the loop runs.
+    finish.timer_slack_ns = prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0);
+    prctl(PR_SET_TIMERSLACK, 1UL, 0, 0, 0);
     watchdog_tripped_.store(false);
 
     const int64_t period = options_.period.count();

@@ -21,5 +21,6 @@ void add_demo_command(CLI::App& app, Runner& runner);
 void add_list_command(CLI::App& app, Runner& runner);
 void add_dump_command(CLI::App& app, const GlobalOptions& global, Runner& runner);
 void add_emulate_command(CLI::App& app, const GlobalOptions& global, Runner& runner);
+void add_loop_command(CLI::App& app, const GlobalOptions& global, Runner& runner);
 
 }  // namespace ocpctl

@@ -28,6 +28,7 @@ _ocpctl() {
     done
     case $previous in
         --mode) mapfile -t COMPREPLY < <(compgen -W "torque speed position impedance" -- "$cur"); return ;;
+        --trajectory) mapfile -t COMPREPLY < <(compgen -W "sine step" -- "$cur"); return ;;
         --format) mapfile -t COMPREPLY < <(compgen -W "csv jsonl" -- "$cur"); return ;;
         --bus) mapfile -t COMPREPLY < <(compgen -W "sim" -- "$cur"); return ;;
         --out | --plot) mapfile -t COMPREPLY < <(compgen -f -- "$cur"); return ;;
