@@ -141,8 +141,7 @@ int run_loop(const LoopCommandOptions& options, const GlobalOptions& global) {
     Bus bus(global.bus);
     for (const int address : addresses) {
         if (!answers_at(bus.transport(), address, global.timeout_s))
-            throw DeviceError("no answer from " + hex(address) + " within " +
-                              format_seconds(global.timeout_s) + " s");
+            throw DeviceError("no answer from " + hex(address) + " after " + format_seconds(global.timeout_s));
     }
 
     const auto period = std::chrono::nanoseconds(1'000'000'000LL / rate);
