@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "support/device_replies.hpp"
+#include "support/failing_allocation.hpp"
 #include "support/recording_transport.hpp"
 #include "support/stream_capture.hpp"
 
@@ -371,6 +372,53 @@ TEST_F(GroupTest, ResetStatisticsClearsTheCountsAndKeepsTheAddresses) {
     EXPECT_EQ(statistics.actuators[1].missing, 0u);
     EXPECT_EQ(statistics.buses.size(), 1u);
     EXPECT_FALSE(statistics.buses[0].link.has_value());  // a transport without a link state
+}
+
+// A bus that takes frames without keeping them: whatever allocates in the
+// test below is the group's own doing.
+class CountingBus : public ocp_api::OCP {
+public:
+    bool send(int, const std::vector<uint8_t>& frame) override {
+        bytes += frame.size();
+        ++frames;
+        return true;
+    }
+    void setCallback(int address, ReceiveCallback callback) override { registry.set(address, std::move(callback)); }
+    void removeCallback(int address) override { registry.remove(address); }
+    void close() override {}
+    ocp_api::CallbackRegistry registry;
+    std::size_t frames = 0;
+    std::size_t bytes = 0;
+};
+
+TEST(GroupPeriod, ASteadyStatePeriodAllocatesNothing) {
+    CountingBus bus;
+    ActuatorGroup group;
+    for (int address = 0x21; address < 0x21 + 8; ++address) group.add(bus, address);
+    group.set_up(GroupSetup{{Item::POS_FB_4C, Item::SPD_FB_45}, 1000, Mode::IMPEDANCE});
+    group.start_all();
+    for (int address = 0x21; address < 0x21 + 8; ++address)
+        ASSERT_TRUE(bus.registry.dispatch(address, item(Item::POS_FB_4C, 1.0f), 0));
+    GroupSnapshot snapshot;
+    group.take_snapshot(snapshot);  // the snapshot's storage is made here, once
+    auto extras = ActuatorGroup::unchanged_extras();
+    const std::size_t frames_before = bus.frames;
+    {
+        ocp_test::FailingAllocation no_heap;
+        for (int period = 0; period < 3; ++period) {
+            group.take_snapshot(snapshot);
+            for (std::size_t i = 0; i < group.size(); ++i) {
+                extras[1] = static_cast<float>(period);  // changing gains: the full command
+                group.set_setpoint(i, snapshot.actuators[i].values[0], extras);
+                group.set_setpoint(i, 0.5f);  // superseded, then the short frame next period
+            }
+            group.send_setpoints();
+            group.maintain();
+        }
+        group.stop_all();
+    }
+    EXPECT_EQ(bus.frames - frames_before, 3u * 8u + 8u);
+    EXPECT_EQ(group.statistics().actuators[7].setpoints_superseded, 3u);
 }
 
 TEST(GroupOptions, NonPositiveDurationsAreRefusedByName) {
