@@ -4,12 +4,12 @@
 // freshness, CPU time per actuator-period and heap allocations per period in
 // steady state (after a second of warm-up), counted by a replaced operator new.
 //
-//   ocp_api_loop_bench [--seconds S] [--scenario can|sim|both]
+//   ocp_api_loop_bench [--seconds S] [--warmup S] [--scenario can|sim|both]
 //
 // For instruction counts per period, which stay put on a noisy machine, run it
 // under callgrind collecting only inside the loop runner:
 //   valgrind --tool=callgrind --toggle-collect='ocp_api::LoopRunner::run*' \
-//     ocp_api_loop_bench --seconds 2 --scenario sim
+//     ocp_api_loop_bench --seconds 2 --warmup 0 --scenario sim
 // and divide the total by the periods it printed.
 #include <time.h>
 
@@ -73,8 +73,8 @@ struct Measured {
     uint64_t loop_allocations = 0;
 };
 
-// Warm-up for one second, then the measured run with statistics reset.
-Measured run_loop(ActuatorGroup& group, double seconds) {
+// Warm-up (a second by default), then the measured run with statistics reset.
+Measured run_loop(ActuatorGroup& group, double seconds, double warmup) {
     group.set_up(GroupSetup{{Item::POS_FB_4C, Item::SPD_FB_45, Item::T_FB_56}, 1000, Mode::IMPEDANCE});
     group.start_all();
     LoopOptions options;
@@ -94,7 +94,8 @@ Measured run_loop(ActuatorGroup& group, double seconds) {
         }
     };
     on_loop_thread = true;
-    runner.run(controller, 1s);
+    if (warmup > 0.0)
+        runner.run(controller, std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(warmup)));
     runner.reset_statistics();
     group.reset_statistics();
     Measured m;
@@ -145,7 +146,7 @@ void report(const char* name, const Measured& m) {
                 static_cast<double>(m.loop_allocations) / periods, static_cast<double>(m.allocations) / periods);
 }
 
-void can_scenario(double seconds) {
+void can_scenario(double seconds, double warmup) {
     constexpr int BUSES = 6;
     constexpr int PER_BUS = 4;
     std::vector<std::unique_ptr<VirtualCanChannel>> channels;
@@ -169,34 +170,36 @@ void can_scenario(double seconds) {
                 group.add(*buses[static_cast<std::size_t>(b)], address);
             }
         }
-        report("CAN-FD, 6 virtual channels", run_loop(group, seconds));
+        report("CAN-FD, 6 virtual channels", run_loop(group, seconds, warmup));
     }
 }
 
-void sim_scenario(double seconds) {
+void sim_scenario(double seconds, double warmup) {
     SimBus bus;
     ActuatorGroup group;
     for (int k = 0; k < 12; ++k) {
         bus.add_actuator(0x21 + k);
         group.add(bus, 0x21 + k);
     }
-    report("SimBus", run_loop(group, seconds));
+    report("SimBus", run_loop(group, seconds, warmup));
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     double seconds = 10.0;
+    double warmup = 1.0;
     std::string scenario = "both";
     for (int i = 1; i + 1 < argc; i += 2) {
         if (std::strcmp(argv[i], "--seconds") == 0) seconds = std::atof(argv[i + 1]);
+        else if (std::strcmp(argv[i], "--warmup") == 0) warmup = std::atof(argv[i + 1]);
         else if (std::strcmp(argv[i], "--scenario") == 0) scenario = argv[i + 1];
     }
-    if (!(seconds > 0.0) || (scenario != "can" && scenario != "sim" && scenario != "both")) {
-        std::fprintf(stderr, "usage: ocp_api_loop_bench [--seconds S] [--scenario can|sim|both]\n");
+    if (!(seconds > 0.0) || !(warmup >= 0.0) || (scenario != "can" && scenario != "sim" && scenario != "both")) {
+        std::fprintf(stderr, "usage: ocp_api_loop_bench [--seconds S] [--warmup S] [--scenario can|sim|both]\n");
         return 2;
     }
-    if (scenario != "sim") can_scenario(seconds);
-    if (scenario != "can") sim_scenario(seconds);
+    if (scenario != "sim") can_scenario(seconds, warmup);
+    if (scenario != "can") sim_scenario(seconds, warmup);
     return 0;
 }
