@@ -4,7 +4,7 @@
 // freshness, CPU time per actuator-period and heap allocations per period in
 // steady state (after a second of warm-up), counted by a replaced operator new.
 //
-//   ocp_api_loop_bench [--seconds S] [--warmup S] [--scenario can|sim|both]
+//   ocp_api_loop_bench [--seconds S] [--warmup S] [--feedback-rate HZ] [--scenario can|sim|both]
 //
 // For instruction counts per period, which stay put on a noisy machine, run it
 // under callgrind collecting only inside the loop runner:
@@ -74,8 +74,10 @@ struct Measured {
 };
 
 // Warm-up (a second by default), then the measured run with statistics reset.
+int feedback_rate_hz = 1000;
+
 Measured run_loop(ActuatorGroup& group, double seconds, double warmup) {
-    group.set_up(GroupSetup{{Item::POS_FB_4C, Item::SPD_FB_45, Item::T_FB_56}, 1000, Mode::IMPEDANCE});
+    group.set_up(GroupSetup{{Item::POS_FB_4C, Item::SPD_FB_45, Item::T_FB_56}, feedback_rate_hz, Mode::IMPEDANCE});
     group.start_all();
     LoopOptions options;
     options.period = 1ms;
@@ -129,7 +131,8 @@ void report(const char* name, const Measured& m) {
     const auto error = m.loop.period_error.summary();
     const auto callback = m.loop.callback_time.summary();
     const auto feedback = age.summary();
-    std::printf("%s: %zu actuators, %llu periods, %llu missed\n", name, m.group.actuators.size(),
+    std::printf("%s: %zu actuators, feedback at %d Hz, %llu periods, %llu missed\n", name, m.group.actuators.size(),
+                feedback_rate_hz,
                 static_cast<unsigned long long>(m.loop.periods), static_cast<unsigned long long>(m.loop.missed_periods));
     std::printf("  period error    p50 %8.1f us  p99 %8.1f us  max %8.1f us\n", error.p50_us, error.p99_us, error.max_us);
     std::printf("  callback time   p50 %8.1f us  p99 %8.1f us  max %8.1f us\n", callback.p50_us, callback.p99_us,
@@ -193,10 +196,11 @@ int main(int argc, char** argv) {
     for (int i = 1; i + 1 < argc; i += 2) {
         if (std::strcmp(argv[i], "--seconds") == 0) seconds = std::atof(argv[i + 1]);
         else if (std::strcmp(argv[i], "--warmup") == 0) warmup = std::atof(argv[i + 1]);
+        else if (std::strcmp(argv[i], "--feedback-rate") == 0) feedback_rate_hz = std::atoi(argv[i + 1]);
         else if (std::strcmp(argv[i], "--scenario") == 0) scenario = argv[i + 1];
     }
-    if (!(seconds > 0.0) || !(warmup >= 0.0) || (scenario != "can" && scenario != "sim" && scenario != "both")) {
-        std::fprintf(stderr, "usage: ocp_api_loop_bench [--seconds S] [--warmup S] [--scenario can|sim|both]\n");
+    if (!(seconds > 0.0) || !(warmup >= 0.0) || feedback_rate_hz < 1 || feedback_rate_hz > 10000 || (scenario != "can" && scenario != "sim" && scenario != "both")) {
+        std::fprintf(stderr, "usage: ocp_api_loop_bench [--seconds S] [--warmup S] [--feedback-rate HZ] [--scenario can|sim|both]\n");
         return 2;
     }
     if (scenario != "sim") can_scenario(seconds, warmup);
