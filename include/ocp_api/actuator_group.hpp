@@ -217,7 +217,9 @@ public:
     void reset_statistics();
 
     // The driver of one actuator, for what the group does not cover
-    // (parameters, administration). Do not replace its callbacks.
+    // (parameters, administration). The group's records do not depend on the
+    // driver's callbacks; replacing its error callback replaces the driver's
+    // own reaction (a report and a STOP on severe errors).
     OrreryActuator& driver(std::size_t index);
 
 private:

@@ -111,6 +111,8 @@ private:
 // caught or ignored before the guard), it asks the runner, if any, to stop.
 // One guard at a time per process; the constructor throws std::logic_error
 // for a second one. The destructor restores the previous dispositions.
+// Destroy the guard before the group and runner it refers to (declare it
+// after them).
 class SignalGuard {
 public:
     explicit SignalGuard(ActuatorGroup& group, LoopRunner* runner = nullptr);
