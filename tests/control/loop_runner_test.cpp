@@ -113,7 +113,9 @@ TEST_F(LoopTest, ALateWakeUpSkipsTheMissedPeriodsInsteadOfRunningThemInABurst) {
 }
 
 TEST_F(LoopTest, TheWatchdogStopsEveryActuatorWhileTheCallbackHangs) {
-    LoopRunner runner(group, every(2ms, 3));
+    // 100 ms without a period: long enough that a slow start (sanitizers, a
+    // loaded machine) does not trip it before the callback first runs.
+    LoopRunner runner(group, every(10ms, 10));
     bool stopped_while_hanging = false;
     const auto result = runner.run([&](const GroupSnapshot&, ActuatorGroup&) {
         if (!stopped_while_hanging)
