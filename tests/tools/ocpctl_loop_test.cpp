@@ -61,6 +61,11 @@ TEST(OcpctlLoop, JsonReportsTimingAndPerActuatorCounts) {
         EXPECT_EQ(actuator.at("setpoints_superseded"), 0);
         expect_summary(actuator.at("feedback_age_us"));
     }
+    const auto& buses = report.at("buses");
+    ASSERT_EQ(buses.size(), 1u);
+    EXPECT_EQ(buses[0].at("link"), "unknown");  // the simulated bus has no link state
+    EXPECT_GE(buses[0].at("frames_out").get<uint64_t>(), 2 * periods);  // a setpoint each per period
+    EXPECT_EQ(buses[0].at("drops"), 0);
 }
 
 TEST(OcpctlLoop, TextReportHasOneRowPerActuator) {

@@ -121,6 +121,7 @@ TEST_F(ControlLoopVm, OcpctlLoopRunsOnEitherInterface) {
         EXPECT_EQ(report.at("bus"), bus);
         EXPECT_EQ(report.at("end"), "duration_elapsed");
         ASSERT_EQ(report.at("actuators").size(), 2u);
+        EXPECT_EQ(report.at("buses").at(0).at("link"), "active") << bus;
         for (const auto& actuator : report.at("actuators")) {
             EXPECT_GT(actuator.at("fresh").get<uint64_t>(), 0u) << bus << ": " << actuator;
             EXPECT_EQ(actuator.at("faults"), 0) << bus;

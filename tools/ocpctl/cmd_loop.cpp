@@ -73,6 +73,34 @@ struct LoopReport {
     ocp_api::GroupStatistics group;
 };
 
+const char* link_text(ocp_api::CanLinkState state) {
+    switch (state) {
+        case ocp_api::CanLinkState::active: return "active";
+        case ocp_api::CanLinkState::error_warning: return "error_warning";
+        case ocp_api::CanLinkState::error_passive: return "error_passive";
+        case ocp_api::CanLinkState::bus_off: return "bus_off";
+        case ocp_api::CanLinkState::down: return "down";
+    }
+    return "down";
+}
+
+// The bus's link state ("unknown" for a transport without one) and the
+// counters every transport keeps in some form.
+nlohmann::json bus_json(const ocp_api::BusStatistics& bus) {
+    nlohmann::json out = {{"link", bus.link ? link_text(*bus.link) : "unknown"}};
+    if (const auto* can = std::get_if<ocp_api::CanBusCounters>(&bus.counters)) {
+        out["frames_out"] = can->frames_out;
+        out["frames_in"] = can->frames_in;
+        out["drops"] = can->drops;
+        out["link_errors"] = can->link_errors;
+    } else if (const auto* sim = std::get_if<ocp_api::SimBusCounters>(&bus.counters)) {
+        out["frames_out"] = sim->frames_sent;
+        out["frames_in"] = sim->replies_delivered;
+        out["drops"] = sim->frames_lost + sim->replies_lost;
+    }
+    return out;
+}
+
 void print_json(const LoopReport& report) {
     nlohmann::json actuators = nlohmann::json::array();
     for (const auto& a : report.group.actuators) {
@@ -88,6 +116,8 @@ void print_json(const LoopReport& report) {
                              {"setpoints_superseded", a.setpoints_superseded},
                              {"setpoints_refused", a.setpoints_refused}});
     }
+    nlohmann::json buses = nlohmann::json::array();
+    for (const auto& bus : report.group.buses) buses.push_back(bus_json(bus));
     const nlohmann::json out = {{"bus", report.bus},
                                 {"mode", report.mode},
                                 {"trajectory", report.trajectory},
@@ -99,7 +129,8 @@ void print_json(const LoopReport& report) {
                                 {"watchdog_trips", report.loop.watchdog_trips},
                                 {"period_error_us", summary_json(report.loop.period_error)},
                                 {"callback_time_us", summary_json(report.loop.callback_time)},
-                                {"actuators", actuators}};
+                                {"actuators", actuators},
+                                {"buses", buses}};
     std::printf("%s\n", out.dump(2).c_str());
 }
 
