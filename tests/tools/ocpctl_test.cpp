@@ -667,8 +667,11 @@ TEST(Ocpctl, BashCompletionCompletesSubcommandsOptionsAndNames) {
     EXPECT_EQ(complete("ocpctl stream 0x21 --items POS_FB_4C,SPD"), Words({"POS_FB_4C,SPD_FB_45"}));
     EXPECT_EQ(complete("ocpctl params get 0x21 LIMIT_T"), Words({"LIMIT_TORQUE"}));
     EXPECT_EQ(complete("ocpctl address 0x21 0x30 --f"), Words({"--force"}));
+    EXPECT_EQ(complete("ocpctl lo"), Words({"loop"}));
+    EXPECT_EQ(complete("ocpctl loop 0x21 --trajectory s"), Words({"sine", "step"}));
+    EXPECT_EQ(complete("ocpctl loop 0x21 --fe"), Words({"--feedback-rate"}));
     // Every subcommand in the help is offered.
-    EXPECT_EQ(complete("ocpctl ").size(), 22u);
+    EXPECT_EQ(complete("ocpctl ").size(), 23u);
 }
 
 TEST(Ocpctl, DemoRunsToTheEnd) {

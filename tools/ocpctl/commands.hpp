@@ -23,5 +23,6 @@ void add_dump_command(CLI::App& app, const GlobalOptions& global, Runner& runner
 void add_emulate_command(CLI::App& app, const GlobalOptions& global, Runner& runner);
 void add_scope_command(CLI::App& app, const GlobalOptions& global, Runner& runner);
 void add_plan_command(CLI::App& app, Runner& runner);
+void add_loop_command(CLI::App& app, const GlobalOptions& global, Runner& runner);
 
 }  // namespace ocpctl

@@ -28,6 +28,7 @@ const char* const EXAMPLES =
     "  ocpctl list items\n"
     "  ocpctl move 0x21 --mode position --setpoint 1.0 --for 2\n"
     "  ocpctl stream 0x21 --items POS_FB_4C,SPD_FB_45 --rate 200 --duration 1\n"
+    "  ocpctl loop 0x21 0x22 0x23 --rate 1000 --for 5 --json\n"
     "  ocpctl simulate --mode speed --setpoint 2 --load 0.5 --plot speed.svg\n"
     "  ocpctl --bus sim:0x21,0x40 scan --json\n"
     "  ocpctl scan --fast\n"
@@ -69,6 +70,7 @@ int main(int argc, char** argv) {
     ocpctl::add_scan_command(app, global, runner);
     ocpctl::add_device_commands(app, global, runner);
     ocpctl::add_motion_commands(app, global, runner);
+    ocpctl::add_loop_command(app, global, runner);
     ocpctl::add_simulate_command(app, runner);
     ocpctl::add_demo_command(app, runner);
     ocpctl::add_list_command(app, runner);

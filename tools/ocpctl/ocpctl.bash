@@ -28,6 +28,7 @@ _ocpctl() {
     done
     case $previous in
         --mode) mapfile -t COMPREPLY < <(compgen -W "torque speed position impedance" -- "$cur"); return ;;
+        --trajectory) mapfile -t COMPREPLY < <(compgen -W "sine step" -- "$cur"); return ;;
         --format) mapfile -t COMPREPLY < <(compgen -W "csv jsonl" -- "$cur"); return ;;
         --command) mapfile -t COMPREPLY < <(compgen -W "position setpoint torque speed impedance" -- "$cur"); return ;;
         --can) mapfile -t COMPREPLY < <(compgen -W "classic:500k classic:1M fd:1M/2M fd:1M/5M fd:1M/8M" -- "$cur"); return ;;
