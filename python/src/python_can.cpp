@@ -247,7 +247,15 @@ Its thread runs the devices' physics in step with the wall clock times
         .def("actuator_count", &PythonCanDeviceHost::actuator_count, release_gil())
         .def("counters", &PythonCanDeviceHost::counters, release_gil())
         .def("close", &PythonCanDeviceHost::close, release_gil(),
-             "Stops the host's thread; the devices stay and answer nothing.");
+             "Stops the host's thread; the devices stay and answer nothing.")
+        .def("__enter__", [](const py::object& self) { return self; })
+        .def(
+            "__exit__",
+            [](PythonCanDeviceHost& self, const py::object&, const py::object&, const py::object&) {
+                self.close();
+                return false;
+            },
+            py::call_guard<py::gil_scoped_release>());
 }
 
 }  // namespace ocp_api::python
