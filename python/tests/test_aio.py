@@ -20,12 +20,6 @@ def run(coroutine):
     return asyncio.run(coroutine)
 
 
-@pytest.fixture
-def sim():
-    with ocp_api.open_bus("sim") as bus:
-        yield bus
-
-
 def test_every_awaitable_raises_a_timeout_error_on_a_silent_address(sim, capsys):
     async def main():
         bus = aio.Bus(sim)

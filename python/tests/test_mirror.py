@@ -18,13 +18,6 @@ ENUMERATIONS = ["OCP_Items", "OCP_Parameters", "Rates", "Mode", "TorquePerforman
 STUB = pathlib.Path(ocp_api.__file__).with_name("__init__.pyi")
 
 
-@pytest.fixture
-def sim():
-    """The simulated bus with its three emulated actuators at 0x21..0x23."""
-    with ocp_api.open_bus("sim") as bus:
-        yield bus
-
-
 @pytest.mark.parametrize("owner", [Actuator, Virtual])
 @pytest.mark.parametrize("enumeration", ENUMERATIONS)
 def test_every_member_is_found_by_its_name(owner, enumeration):

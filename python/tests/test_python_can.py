@@ -119,6 +119,12 @@ class SlowToAnswer:
     def recv(self, timeout=None):
         return self.bus.recv(timeout)
 
+    # What can.Notifier asks of a bus besides recv.
+    channel_info = "slow to answer"
+
+    def fileno(self):
+        raise NotImplementedError
+
 
 def test_scanner_over_python_can(channel, capfd):
     devices = ocp_api.PythonCanDeviceHost(SlowToAnswer(channel()))
