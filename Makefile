@@ -14,7 +14,7 @@ FUZZ_SECONDS ?= 300
 FUZZ_TEST_SECONDS ?= 30
 FUZZ_TEST_BUDGET ?= 150
 
-.PHONY: all deps configure build demo test test-normal test-asan test-tsan test-fuzz fuzz build-fuzz soak bench install clean
+.PHONY: all deps configure build demo test test-normal test-asan test-tsan test-fuzz fuzz build-fuzz soak bench install package clean
 
 all: build
 
@@ -92,5 +92,15 @@ bench-vm: deps
 install: build
 	cmake --install build
 
+# The Debian package: an optimised build for /usr in build-package/ (its debug
+# information stripped), CPack's
+# .deb, and lintian's verdict on it (errors fail).
+package: deps
+	@cmake -S . -B build-package -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr \
+	  -DOCP_API_WERROR=ON -DOCP_API_BUILD_TESTS=OFF -DOCP_API_BUILD_EXAMPLES=OFF >/dev/null
+	@cmake --build build-package -j $(JOBS)
+	cd build-package && cpack
+	lintian --fail-on error --tag-display-limit 0 build-package/ocp-api_*.deb
+
 clean:
-	rm -rf build build-asan build-tsan build-bench build-fuzz
+	rm -rf build build-asan build-tsan build-bench build-fuzz build-package

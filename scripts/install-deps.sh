@@ -6,6 +6,7 @@
 #   SocketCAN tests in a small VM: qemu, busybox, can-utils, iproute2 (the
 #     guest kernel itself is fetched with apt-get download and only unpacked)
 #   Python bindings: Debian's python3 with pybind11, pytest and python-can
+#   the Debian package (make package): dpkg-dev (dpkg-shlibdeps) and lintian
 set -euo pipefail
 
 packages=(
@@ -15,6 +16,7 @@ packages=(
   clang libclang-rt-14-dev
   qemu-system-x86 busybox-static can-utils iproute2 xz-utils binutils
   python3 python3-dev pybind11-dev python3-pybind11 python3-pytest python3-can
+  dpkg-dev lintian
 )
 
 missing=()
