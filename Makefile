@@ -80,6 +80,8 @@ bench: deps
 	@cmake --build build-bench -j $(JOBS)
 	./build-bench/bench/ocp_api_bench
 	PYTHONPATH=build-bench/python /usr/bin/python3 python/bench/bench_bindings.py
+	PYTHONPATH=build-bench/python /usr/bin/python3 python/bench/bench_bridge.py
+	PYTHONPATH=build-bench/python /usr/bin/python3 python/bench/bench_aio.py
 
 # The SocketCAN transport against a C echo and candump, in the test VM.
 bench-vm: deps

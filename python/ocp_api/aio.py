@@ -183,7 +183,8 @@ class FeedbackStream:
     def __init__(self, actuator: "Actuator", loop: asyncio.AbstractEventLoop):
         self._actuator = actuator
         self._loop = loop
-        self._latest: Optional[Feedback] = None
+        self._latest: Optional[Feedback] = None  # not yet taken by the iteration
+        self._newest: Optional[Feedback] = None  # whether taken or not
         self._waiter: Optional[asyncio.Future] = None
         self._handover_pending = False
         self._lock = threading.Lock()
@@ -198,6 +199,7 @@ class FeedbackStream:
             if self._latest is not None:
                 self.coalesced += 1
             self._latest = reply
+            self._newest = reply
             self.received += 1
             if self._handover_pending:
                 return
@@ -218,6 +220,14 @@ class FeedbackStream:
         with self._lock:
             reply, self._latest = self._latest, None
         return reply
+
+    @property
+    def newest(self) -> Optional[Feedback]:
+        """The newest reply so far (None before the first), without waiting and
+        whether or not the iteration has taken it: what a periodic control loop
+        reads each period."""
+        with self._lock:
+            return self._newest
 
     def __aiter__(self):
         return self
