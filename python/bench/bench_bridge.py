@@ -16,8 +16,9 @@ millisecond. Reported, for classic CAN and CAN-FD:
   setpoint loop: everything runs here) over the replies delivered
 - idle: the process's CPU share with a transport and a device host (three
   devices) open and nothing on the bus
-- python-can's own bus.send and bus.recv of one frame of the same size, as
-  the yardstick
+- python-can's own bus.send and bus.recv of one frame of the same size, and
+  what they cost for the frames that cross (both ways, flow control
+  included) per streamed reply, as the yardstick
 
     PYTHONPATH=build/python /usr/bin/python3 python/bench/bench_bridge.py [--seconds N] [--quick]
 """
@@ -114,6 +115,7 @@ def streaming_run(fd, seconds, setpoint_hz):
     step = 0
     cpu_started, wall_started = time.process_time(), time.perf_counter()
     delivered_in_window = delivered[0]
+    frames_started = devices.bridge_counters().frames_sent + transport.bridge_counters().frames_sent
     next_second = wall_started + 1.0
     period = 1.0 / setpoint_hz if setpoint_hz else 0.01
     next_tick = wall_started
@@ -139,6 +141,7 @@ def streaming_run(fd, seconds, setpoint_hz):
     cpu = time.process_time() - cpu_started
     wall = time.perf_counter() - wall_started
     got = delivered[0] - delivered_in_window
+    frames = devices.bridge_counters().frames_sent + transport.bridge_counters().frames_sent - frames_started
     for joint in joints:
         joint.setFeedbackRate(0)
     # Delivered: of the replies sent since streaming started, those that reached a callback
@@ -162,6 +165,7 @@ def streaming_run(fd, seconds, setpoint_hz):
         "cpu_us_per_reply": cpu / max(got, 1) * 1e6,
         "cpu_share": cpu / wall,
         "setpoints": step * len(joints),
+        "frames_per_reply": frames / max(got, 1),
         "drops": transport.bridge_counters().inbox_drops + transport.counters().drops,
     }
     del joints
@@ -202,7 +206,7 @@ def main(argv):
     seconds = 5.0 if args.quick else args.seconds
     print(f"3 actuators x 4 items at 1 kHz over python-can virtual, {seconds:g} s a run")
     print(f"{'':<8} {'setpoints':>9} {'delivered':>9} {'backlog 1st/last/max':>21} {'p50 ms':>7} {'p99 ms':>7} "
-          f"{'CPU us/reply':>12} {'CPU':>6} {'idle':>6} {'send us':>8} {'recv us':>8}")
+          f"{'CPU us/reply':>12} {'frames/reply':>12} {'python-can us':>13} {'CPU':>6} {'idle':>6}")
     for fd in (False, True):
         send_us, recv_us = python_can_yardstick(fd)
         idle = idle_share(fd)
@@ -210,9 +214,12 @@ def main(argv):
             r = streaming_run(fd, seconds, setpoint_hz)
             backlog = f"{r['backlog_first']}/{r['backlog_last']}/{r['backlog_max']}"
             setpoints = f"{setpoint_hz} Hz" if setpoint_hz else "none"
+            # What python-can's own send and recv cost for the frames of one reply.
+            yardstick = r["frames_per_reply"] * (send_us + recv_us)
             print(f"{'CAN-FD' if fd else 'classic':<8} {setpoints:>9} {r['delivered'] * 100:8.2f}% {backlog:>21} "
                   f"{r['p50_ms']:7.2f} {r['p99_ms']:7.2f} {r['cpu_us_per_reply']:12.1f} "
-                  f"{r['cpu_share'] * 100:5.1f}% {idle * 100:5.2f}% {send_us:8.2f} {recv_us:8.2f}")
+                  f"{r['frames_per_reply']:12.2f} {yardstick:13.1f} {r['cpu_share'] * 100:5.1f}% {idle * 100:5.2f}%")
+        print(f"{'':<8} python-can's own bus.send {send_us:.2f} us and bus.recv {recv_us:.2f} us per frame")
     return 0
 
 
