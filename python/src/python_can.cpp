@@ -511,7 +511,8 @@ real bus would (same identifiers, same segmentation): for trying host code on
 an adapter or a python-can ``virtual`` channel without actuators.
 
 Its thread runs the devices' physics in step with the wall clock times
-``time_scale``.)doc")
+``time_scale``. Frames arrive and leave as for ``PythonCanTransport``
+(``notifier=`` shares a running ``can.Notifier``).)doc")
         .def(py::init([](py::object bus, bool fd, double time_scale, py::object notifier) {
                  return Holder<PythonCanDeviceHost>(new PythonCanDeviceHost(bus, fd, time_scale, notifier));
              }),
