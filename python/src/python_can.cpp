@@ -104,8 +104,10 @@ public:
     CanLinkEvent pop(std::chrono::nanoseconds timeout) {
         std::unique_lock<std::mutex> lock(mutex_);
         ready_.wait_for(lock, timeout, [this] { return woken_ || closed_ || !events_.empty(); });
-        woken_ = false;
-        if (events_.empty()) return {};
+        if (woken_ || events_.empty()) {
+            woken_ = false;  // a wake() returns nothing, even with frames waiting
+            return {};
+        }
         const CanLinkEvent event = events_.front();
         events_.pop_front();
         return event;
