@@ -14,7 +14,7 @@ FUZZ_SECONDS ?= 300
 FUZZ_TEST_SECONDS ?= 30
 FUZZ_TEST_BUDGET ?= 150
 
-.PHONY: all deps configure build demo test test-normal test-asan test-tsan test-fuzz fuzz build-fuzz soak bench bench-loop install clean
+.PHONY: all deps configure build demo test test-normal test-asan test-tsan test-fuzz fuzz build-fuzz soak bench bench-loop install package clean
 
 all: build
 
@@ -81,6 +81,8 @@ bench: deps
 	./build-bench/bench/ocp_api_bench
 	bench/can/can_cost.sh build-bench
 	PYTHONPATH=build-bench/python /usr/bin/python3 python/bench/bench_bindings.py
+	PYTHONPATH=build-bench/python /usr/bin/python3 python/bench/bench_bridge.py
+	PYTHONPATH=build-bench/python /usr/bin/python3 python/bench/bench_aio.py
 
 # A whole-robot control loop at 1 kHz: 24 actuators on 6 CAN-FD channels and
 # 12 on the simulated bus, LOOP_SECONDS (default 10) each.
@@ -102,5 +104,15 @@ bench-vm: deps
 install: build
 	cmake --install build
 
+# The Debian package: an optimised build for /usr in build-package/ (its debug
+# information stripped), CPack's
+# .deb, and lintian's verdict on it (errors fail).
+package: deps
+	@cmake -S . -B build-package -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr \
+	  -DOCP_API_WERROR=ON -DOCP_API_BUILD_TESTS=OFF -DOCP_API_BUILD_EXAMPLES=OFF >/dev/null
+	@cmake --build build-package -j $(JOBS)
+	cd build-package && cpack
+	lintian --fail-on error --tag-display-limit 0 build-package/ocp-api_*.deb
+
 clean:
-	rm -rf build build-asan build-tsan build-bench build-fuzz
+	rm -rf build build-asan build-tsan build-bench build-fuzz build-package

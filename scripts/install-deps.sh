@@ -8,6 +8,8 @@
 #   Python bindings: Debian's python3 with pybind11, pytest and python-can
 #   ocpctl scope: cpp-httplib (its server); chromium, chromium-driver and
 #     python3-selenium for the test of its page in a real browser
+#   the Debian package (make package): dpkg-dev (dpkg-shlibdeps) and lintian
+#   make bench: valgrind (callgrind instruction counts) and bc
 set -euo pipefail
 
 packages=(
@@ -18,6 +20,8 @@ packages=(
   qemu-system-x86 busybox-static can-utils iproute2 xz-utils binutils
   python3 python3-dev pybind11-dev python3-pybind11 python3-pytest python3-can
   libcpp-httplib-dev chromium chromium-driver python3-selenium
+  dpkg-dev lintian
+  valgrind bc
 )
 
 missing=()

@@ -4,18 +4,26 @@ The classes are those of the C++ library ``ocp_api`` with the same method
 names: ``OrreryActuator`` drives one actuator through a transport (``OCP``),
 ``OrreryActuatorScanner`` finds actuators, ``OrreryActuatorVirtual`` simulates
 one with no bus, and ``SimBus`` is a simulated bus with emulated actuators.
-Enumerations are nested as in C++: ``OrreryActuator.OCP_Items.POS_FB_41``.
+Enumerations are nested as in C++: ``OrreryActuator.OCP_Items.POS_FB_41``,
+also by name: ``OrreryActuator.OCP_Items["POS_FB_41"]``. Diagnostic lines go to
+``sys.stdout`` (the scanner's findings) and ``sys.stderr`` (everything else).
+
+``ocp_api.aio`` is the asyncio layer for robot programs: awaitable calls that
+raise ``ocp_api.aio.OcpTimeoutError`` (a ``TimeoutError``), typed replies and
+feedback as an async iterator.
 """
 
 from ._ocp_api import (
     OCP,
     UNCHANGED,
     EmulatedActuator,
+    FoundDevice,
     OrreryActuator,
     OrreryActuatorScanner,
     OrreryActuatorVirtual,
     CanBusCounters,
     CanDeviceHostCounters,
+    PythonCanBridgeCounters,
     PythonCanDeviceHost,
     PythonCanTransport,
     ReceiveCallback,
@@ -26,17 +34,20 @@ from ._ocp_api import (
     __version__,
     bus_schemes,
     open_bus,
+    scan_bus,
 )
 
 __all__ = [
     "OCP",
     "UNCHANGED",
     "EmulatedActuator",
+    "FoundDevice",
     "OrreryActuator",
     "OrreryActuatorScanner",
     "OrreryActuatorVirtual",
     "CanBusCounters",
     "CanDeviceHostCounters",
+    "PythonCanBridgeCounters",
     "PythonCanDeviceHost",
     "PythonCanTransport",
     "ReceiveCallback",
@@ -46,6 +57,7 @@ __all__ = [
     "SocketCanBus",
     "bus_schemes",
     "open_bus",
+    "scan_bus",
 ]
 
 # The classes live in the extension module; show them where users import them.

@@ -1,10 +1,14 @@
 # Type stubs for the ocp_api package (the classes come from its extension).
 # The enumerations below stand for those nested in OrreryActuator and, as
-# distinct types with the same members, in OrreryActuatorVirtual; int(member)
-# is the code on the wire.
+# distinct types with the same members, in OrreryActuatorVirtual. They are the
+# extension's own enumeration classes, not enum.Enum: a member has .name and
+# .value, int(member) is the code on the wire, Enum["NAME"] and
+# Enum.__members__ look members up by name, Enum(code) by code.
 import datetime
-import enum
-from typing import Callable, ClassVar, Dict, List, Optional, Sequence, Tuple, Union
+from typing import Any, Callable, ClassVar, Dict, List, Optional, Sequence, Tuple, TypeVar, Union
+
+_E = TypeVar("_E", bound="_Enumeration")
+_T = TypeVar("_T")
 
 __version__: str
 UNCHANGED: float
@@ -12,117 +16,134 @@ UNCHANGED: float
 BytesLike = Union[bytes, bytearray, memoryview, Sequence[int]]
 
 
-class _OCP_Items(enum.Enum):
-    POS_FB_41: int
-    ITEM_42: int
-    POS_FB_43: int
-    ITEM_44: int
-    SPD_FB_45: int
-    ITEM_46: int
-    ITEM_47: int
-    ITEM_48: int
-    T_FB_49: int
-    ITEM_4A: int
-    REF_4B: int
-    POS_FB_4C: int
-    REF_4D: int
-    ITEM_4F: int
-    ITEM_50: int
-    ITEM_51: int
-    ITEM_52: int
-    ITEM_53: int
-    ITEM_54: int
-    REF_55: int
-    T_FB_56: int
-    ITEM_57: int
-    ITEM_58: int
-    ITEM_59: int
-    POWER_MEC_5A: int
-    I_DC_5B: int
-    ITEM_5C: int
-    POWER_5D: int
-    ITEM_5E: int
-    ITEM_5F: int
-    ITEM_60: int
-    ITEM_61: int
-    ITEM_62: int
-    VBUS_70: int
-    TEMP_AUX_71: int
-    TEMP_WINDING_72: int
-    POS_FB_73: int
-    ERRORS_90: int
-    ITEM_91: int
-    ITEM_92: int
-    ITEM_93: int
-    ITEM_94: int
-    ITEM_95: int
-    ITEM_96: int
-    ITEM_97: int
-    ITEM_98: int
-    ITEM_99: int
-    ITEM_9A: int
+class _Enumeration:
+    """What every enumeration of the extension provides (not a run-time base)."""
+    __members__: ClassVar[Dict[str, Any]]
+    def __init__(self, value: int) -> None: ...
+    @property
+    def name(self) -> str: ...
+    @property
+    def value(self) -> int: ...
+    def __int__(self) -> int: ...
+    def __index__(self) -> int: ...
+    def __hash__(self) -> int: ...
+    def __eq__(self, other: object) -> bool: ...
+    @classmethod
+    def __class_getitem__(cls: type[_E], name: str) -> _E: ...
 
 
-class _OCP_Parameters(enum.Enum):
-    K_DAMP: int
-    K_STIFF: int
-    T_FF: int
-    LIMIT_TORQUE: int
-    LIMIT_POSITION_MAX: int
-    LIMIT_POSITION_MIN: int
-    LIMIT_SPEED_MAX: int
-    LIMIT_SPEED_MIN: int
-    PROFILE_POSITION_MAX: int
-    PROFILE_POSITION_MIN: int
-    PROFILE_SPEED_MAX: int
-    PROFILE_SPEED_MIN: int
-    SETPOINT_AUX_0D: int
-    SETPOINT_AUX_0E: int
-    SETPOINT_AUX_0F: int
-    MODE: int
-    SETPOINT: int
-    TORQUE_PERFORMANCE: int
-    SPEED_PERFORMANCE: int
-    TUNING_42: int
-    TUNING_43: int
-    TUNING_44: int
-    SPEED_FF: int
-    TUNING_46: int
-    TUNING_47: int
-    DEVICE_80: int
-    ADDRESS: int
-    DEVICE_82: int
-    DEVICE_83: int
-    DEVICE_84: int
-    CAN_HIGH_SPEED: int
+
+class _OCP_Items(_Enumeration):
+    POS_FB_41: ClassVar["_OCP_Items"]
+    ITEM_42: ClassVar["_OCP_Items"]
+    POS_FB_43: ClassVar["_OCP_Items"]
+    ITEM_44: ClassVar["_OCP_Items"]
+    SPD_FB_45: ClassVar["_OCP_Items"]
+    ITEM_46: ClassVar["_OCP_Items"]
+    ITEM_47: ClassVar["_OCP_Items"]
+    ITEM_48: ClassVar["_OCP_Items"]
+    T_FB_49: ClassVar["_OCP_Items"]
+    ITEM_4A: ClassVar["_OCP_Items"]
+    REF_4B: ClassVar["_OCP_Items"]
+    POS_FB_4C: ClassVar["_OCP_Items"]
+    REF_4D: ClassVar["_OCP_Items"]
+    ITEM_4F: ClassVar["_OCP_Items"]
+    ITEM_50: ClassVar["_OCP_Items"]
+    ITEM_51: ClassVar["_OCP_Items"]
+    ITEM_52: ClassVar["_OCP_Items"]
+    ITEM_53: ClassVar["_OCP_Items"]
+    ITEM_54: ClassVar["_OCP_Items"]
+    REF_55: ClassVar["_OCP_Items"]
+    T_FB_56: ClassVar["_OCP_Items"]
+    ITEM_57: ClassVar["_OCP_Items"]
+    ITEM_58: ClassVar["_OCP_Items"]
+    ITEM_59: ClassVar["_OCP_Items"]
+    POWER_MEC_5A: ClassVar["_OCP_Items"]
+    I_DC_5B: ClassVar["_OCP_Items"]
+    ITEM_5C: ClassVar["_OCP_Items"]
+    POWER_5D: ClassVar["_OCP_Items"]
+    ITEM_5E: ClassVar["_OCP_Items"]
+    ITEM_5F: ClassVar["_OCP_Items"]
+    ITEM_60: ClassVar["_OCP_Items"]
+    ITEM_61: ClassVar["_OCP_Items"]
+    ITEM_62: ClassVar["_OCP_Items"]
+    VBUS_70: ClassVar["_OCP_Items"]
+    TEMP_AUX_71: ClassVar["_OCP_Items"]
+    TEMP_WINDING_72: ClassVar["_OCP_Items"]
+    POS_FB_73: ClassVar["_OCP_Items"]
+    ERRORS_90: ClassVar["_OCP_Items"]
+    ITEM_91: ClassVar["_OCP_Items"]
+    ITEM_92: ClassVar["_OCP_Items"]
+    ITEM_93: ClassVar["_OCP_Items"]
+    ITEM_94: ClassVar["_OCP_Items"]
+    ITEM_95: ClassVar["_OCP_Items"]
+    ITEM_96: ClassVar["_OCP_Items"]
+    ITEM_97: ClassVar["_OCP_Items"]
+    ITEM_98: ClassVar["_OCP_Items"]
+    ITEM_99: ClassVar["_OCP_Items"]
+    ITEM_9A: ClassVar["_OCP_Items"]
 
 
-class _Rates(enum.Enum):
-    RATE_OFF: int
-    RATE_1HZ: int
-    RATE_10HZ: int
-    RATE_50HZ: int
-    RATE_100HZ: int
-    RATE_200HZ: int
-    RATE_500HZ: int
-    RATE_1KHZ: int
-    RATE_2KHZ: int
-    RATE_5KHZ: int
-    RATE_10KHZ: int
+class _OCP_Parameters(_Enumeration):
+    K_DAMP: ClassVar["_OCP_Parameters"]
+    K_STIFF: ClassVar["_OCP_Parameters"]
+    T_FF: ClassVar["_OCP_Parameters"]
+    LIMIT_TORQUE: ClassVar["_OCP_Parameters"]
+    LIMIT_POSITION_MAX: ClassVar["_OCP_Parameters"]
+    LIMIT_POSITION_MIN: ClassVar["_OCP_Parameters"]
+    LIMIT_SPEED_MAX: ClassVar["_OCP_Parameters"]
+    LIMIT_SPEED_MIN: ClassVar["_OCP_Parameters"]
+    PROFILE_POSITION_MAX: ClassVar["_OCP_Parameters"]
+    PROFILE_POSITION_MIN: ClassVar["_OCP_Parameters"]
+    PROFILE_SPEED_MAX: ClassVar["_OCP_Parameters"]
+    PROFILE_SPEED_MIN: ClassVar["_OCP_Parameters"]
+    SETPOINT_AUX_0D: ClassVar["_OCP_Parameters"]
+    SETPOINT_AUX_0E: ClassVar["_OCP_Parameters"]
+    SETPOINT_AUX_0F: ClassVar["_OCP_Parameters"]
+    MODE: ClassVar["_OCP_Parameters"]
+    SETPOINT: ClassVar["_OCP_Parameters"]
+    TORQUE_PERFORMANCE: ClassVar["_OCP_Parameters"]
+    SPEED_PERFORMANCE: ClassVar["_OCP_Parameters"]
+    TUNING_42: ClassVar["_OCP_Parameters"]
+    TUNING_43: ClassVar["_OCP_Parameters"]
+    TUNING_44: ClassVar["_OCP_Parameters"]
+    SPEED_FF: ClassVar["_OCP_Parameters"]
+    TUNING_46: ClassVar["_OCP_Parameters"]
+    TUNING_47: ClassVar["_OCP_Parameters"]
+    DEVICE_80: ClassVar["_OCP_Parameters"]
+    ADDRESS: ClassVar["_OCP_Parameters"]
+    DEVICE_82: ClassVar["_OCP_Parameters"]
+    DEVICE_83: ClassVar["_OCP_Parameters"]
+    DEVICE_84: ClassVar["_OCP_Parameters"]
+    CAN_HIGH_SPEED: ClassVar["_OCP_Parameters"]
 
 
-class _Mode(enum.Enum):
-    TORQUE: int
-    SPEED: int
-    POSITION: int
-    IMPEDANCE: int
+class _Rates(_Enumeration):
+    RATE_OFF: ClassVar["_Rates"]
+    RATE_1HZ: ClassVar["_Rates"]
+    RATE_10HZ: ClassVar["_Rates"]
+    RATE_50HZ: ClassVar["_Rates"]
+    RATE_100HZ: ClassVar["_Rates"]
+    RATE_200HZ: ClassVar["_Rates"]
+    RATE_500HZ: ClassVar["_Rates"]
+    RATE_1KHZ: ClassVar["_Rates"]
+    RATE_2KHZ: ClassVar["_Rates"]
+    RATE_5KHZ: ClassVar["_Rates"]
+    RATE_10KHZ: ClassVar["_Rates"]
 
 
-class _Preset(enum.Enum):
-    PRESET_0: int
-    PRESET_1: int
-    PRESET_2: int
-    PRESET_3: int
+class _Mode(_Enumeration):
+    TORQUE: ClassVar["_Mode"]
+    SPEED: ClassVar["_Mode"]
+    POSITION: ClassVar["_Mode"]
+    IMPEDANCE: ClassVar["_Mode"]
+
+
+class _Preset(_Enumeration):
+    PRESET_0: ClassVar["_Preset"]
+    PRESET_1: ClassVar["_Preset"]
+    PRESET_2: ClassVar["_Preset"]
+    PRESET_3: ClassVar["_Preset"]
 
 
 FeedbackMap = Dict[_OCP_Items, float]
@@ -146,6 +167,8 @@ class OCP:
     def setCallback(self, address: int, callback: Optional[Callable[[int, bytes, int], None]]) -> None: ...
     def removeCallback(self, address: int) -> None: ...
     def close(self) -> None: ...
+    def __enter__(self: _T) -> _T: ...
+    def __exit__(self, *exc_info: object) -> bool: ...
 
 
 class OrreryActuator:
@@ -233,6 +256,11 @@ class OrreryActuator:
     def mode(self) -> _Mode: ...
     @property
     def can_high_speed(self) -> bool: ...
+    # "<OrreryActuator address=0x21 model='HERON_A' firmware='1.1.2' connected mode=SPEED>"
+    def __repr__(self) -> str: ...
+    def __enter__(self: _T) -> _T: ...
+    # disconnect(): STOP and no more replies, however the block ended
+    def __exit__(self, *exc_info: object) -> bool: ...
 
 
 class OrreryActuatorScanner(OrreryActuator):
@@ -433,23 +461,39 @@ class CanDeviceHostCounters:
     link_errors: int
 
 
+class PythonCanBridgeCounters:
+    frames_received: int
+    frames_ignored: int
+    inbox_drops: int
+    inbox_peak: int
+    frames_sent: int
+    send_batches: int
+    send_errors: int
+    outbox_full: int
+
+
 class PythonCanTransport(OCP):
     """Actuators through any python-can Bus."""
-    def __init__(self, bus: object, fd: bool = False) -> None: ...
+    def __init__(self, bus: object, fd: bool = False, notifier: Optional[object] = None) -> None: ...
     def counters(self) -> CanBusCounters: ...
+    def bridge_counters(self) -> PythonCanBridgeCounters: ...
     @property
     def fd(self) -> bool: ...
 
 
 class PythonCanDeviceHost:
     """Emulated actuators answering on a python-can Bus."""
-    def __init__(self, bus: object, fd: bool = False, time_scale: float = 1.0) -> None: ...
+    def __init__(self, bus: object, fd: bool = False, time_scale: float = 1.0,
+                 notifier: Optional[object] = None) -> None: ...
+    def bridge_counters(self) -> PythonCanBridgeCounters: ...
     def add_actuator(self, address: int, model_code: int = 3, firmware_word: int = 0x0842) -> EmulatedActuator: ...
     def remove_actuator(self, address: int) -> None: ...
     def actuator(self, address: int) -> EmulatedActuator: ...
     def actuator_count(self) -> int: ...
     def counters(self) -> CanDeviceHostCounters: ...
     def close(self) -> None: ...
+    def __enter__(self: _T) -> _T: ...
+    def __exit__(self, *exc_info: object) -> bool: ...
 
 
 class SocketCanBus(OCP):
@@ -464,3 +508,21 @@ class SocketCanBus(OCP):
 
 def open_bus(bus: str) -> OCP: ...
 def bus_schemes() -> List[Tuple[str, str, str]]: ...
+
+
+class FoundDevice:
+    """A device that answered a ping during scan_bus()."""
+    @property
+    def address(self) -> int: ...
+    @property
+    def model_code(self) -> int: ...
+    @property
+    def model(self) -> str: ...
+    @property
+    def firmware_word(self) -> int: ...
+    @property
+    def firmware(self) -> str: ...
+
+
+def scan_bus(bus: OCP, first_address: int, last_address: int, attempts: int = 1,
+             answer_period_s: float = 0.05) -> List[FoundDevice]: ...

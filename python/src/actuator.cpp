@@ -15,6 +15,7 @@
 
 #include "bindings.hpp"
 #include "enumerations.hpp"
+#include "ocp_api/bus_scan.hpp"
 
 namespace ocp_api::python {
 namespace {
@@ -46,6 +47,21 @@ Actuator::ErrorCallback wrap_error_callback(py::object callable) {
     return [shared](int address, Actuator::ErrorMap errors) {
         call_reporting_errors(shared, "ocp_api.OrreryActuator error callback", address, std::move(errors));
     };
+}
+
+// <OrreryActuator address=0x21 model='HERON_A' firmware='1.1.2' connected mode=POSITION>
+std::string describe(const py::object& self, const Actuator& actuator) {
+    const auto [address, model, firmware, connected, mode] = without_gil([&] {
+        return std::make_tuple(actuator.get_address(), actuator.get_model_name(), actuator.get_firmware_version(),
+                               actuator.is_connected(), actuator.get_mode());
+    });
+    const std::string type = py::str(py::type::of(self).attr("__name__"));
+    const std::string mode_name = py::str(py::cast(mode).attr("name"));
+    char head[32];
+    std::snprintf(head, sizeof head, "address=0x%02x", address);
+    return "<" + type + " " + head + " model=" + std::string(py::repr(py::str(model))) + " firmware=" +
+           std::string(py::repr(py::str(firmware))) + (connected ? " connected" : " not connected") +
+           " mode=" + mode_name + ">";
 }
 
 }  // namespace
@@ -233,7 +249,18 @@ void define_actuator(py::module_& module, ActuatorClass& cls) {
                                "From the last ping reply; \"x.x.x\" before.")
         .def_property_readonly("connected", py::cpp_function(&Actuator::is_connected, release_gil()), "Whether the last connect() was answered.")
         .def_property_readonly("mode", py::cpp_function(&Actuator::get_mode, release_gil()), "The mode last sent.")
-        .def_property_readonly("can_high_speed", py::cpp_function(&Actuator::get_can_high_speed, release_gil()));
+        .def_property_readonly("can_high_speed", py::cpp_function(&Actuator::get_can_high_speed, release_gil()))
+
+        // --- Python protocols --------------------------------------------------
+        .def("__repr__", [](const py::object& self) { return describe(self, self.cast<const Actuator&>()); })
+        .def("__enter__", [](const py::object& self) { return self; })
+        .def(
+            "__exit__",
+            [](Actuator& self, const py::object&, const py::object&, const py::object&) {
+                without_gil([&] { self.disconnect(); });
+                return false;
+            },
+            "Leaves the actuator stopped and disconnected (``disconnect()``), whatever ended the block.");
 
     py::class_<OrreryActuatorScanner, OrreryActuator, Holder<OrreryActuatorScanner>>(module, "OrreryActuatorScanner",
                                                                                     R"doc(
@@ -247,6 +274,33 @@ answer; scan() pings each address of a range and lists those that answer.)doc")
              "Pings every address from ``first_address`` to ``last_address`` and returns\n"
              "those that answered; prints \"Device found: ...\" for each. Other Python\n"
              "threads run meanwhile.");
+
+    py::class_<FoundDevice>(module, "FoundDevice", "A device that answered a ping during scan_bus().")
+        .def_readonly("address", &FoundDevice::address)
+        .def_readonly("model_code", &FoundDevice::model_code)
+        .def_readonly("model", &FoundDevice::model, "The model name; \"\" for an unknown code.")
+        .def_readonly("firmware_word", &FoundDevice::firmware_word)
+        .def_readonly("firmware", &FoundDevice::firmware, "\"major.minor.patch\"")
+        .def("__repr__", [](const FoundDevice& device) {
+            char head[48];
+            std::snprintf(head, sizeof head, "<FoundDevice address=0x%02x", device.address);
+            return std::string(head) + " model=" + std::string(py::repr(py::str(device.model))) +
+                   " firmware=" + std::string(py::repr(py::str(device.firmware))) + ">";
+        });
+
+    module.def(
+        "scan_bus",
+        [](OCP& bus, int first_address, int last_address, int attempts, double answer_period_s) {
+            BusScanOptions options;
+            options.attempts = attempts;
+            options.answer_period = std::chrono::milliseconds(static_cast<long>(answer_period_s * 1000.0));
+            return scan_bus(bus, first_address, last_address, options);
+        },
+        py::arg("bus"), py::arg("first_address"), py::arg("last_address"), py::arg("attempts") = 1,
+        py::arg("answer_period_s") = 0.05, release_gil(), R"doc(
+Pings every address of ``first_address..last_address`` with a window of pings in
+flight and returns the ``FoundDevice`` of each that answered, by address. Prints
+nothing; ValueError for a negative address or fewer than 1 attempt.)doc");
 }
 
 }  // namespace ocp_api::python

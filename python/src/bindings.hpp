@@ -28,6 +28,9 @@ void define_virtual_actuator(VirtualClass& simulated);
 // SimBus, SimBusOptions, SimBusCounters, EmulatedActuator.
 void bind_sim_bus(py::module_& module);
 
+// The library's diagnostic lines through sys.stdout and sys.stderr.
+void bind_diagnostics(py::module_& module);
+
 // PythonCanTransport and PythonCanDeviceHost.
 void bind_python_can(py::module_& module);
 // SocketCanBus, open_bus and bus_schemes.

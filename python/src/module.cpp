@@ -10,7 +10,8 @@ One actuator at one bus address, driven through a transport (``OCP``).
 
 Commands are fire-and-forget. Calls that wait for an answer (``connect``,
 ``getItemsBlocking``, ``get_parameters``, ...) release the GIL while they wait
-and report a time-out as one line on standard error with an empty result.
+and report a time-out as one line on ``sys.stderr`` with an empty result
+(``ocp_api.aio`` raises instead).
 Feedback and error callbacks run on the transport's receive thread holding the
 GIL; they may call back into the actuator.)doc";
 
@@ -27,6 +28,7 @@ PYBIND11_MODULE(_ocp_api, module) {
     module.doc() = "Drive servo actuators on a CAN bus: the ocp_api library from Python.";
     module.attr("__version__") = ocp_api::VERSION_TEXT;
 
+    bind_diagnostics(module);
     bind_transport(module);
     ActuatorClass actuator(module, "OrreryActuator", ACTUATOR_DOC);
     VirtualClass simulated(module, "OrreryActuatorVirtual", VIRTUAL_DOC);

@@ -1,12 +1,29 @@
 // The python-can bridge: any python-can Bus as a CanLink, under the library's
 // own CAN mapping and segmentation (CanBus on the host side, CanDeviceHost for
 // emulated devices). Every adapter python-can supports can drive actuators.
+//
+// Frames cross between C++ and Python in batches, never one GIL round trip per
+// frame on a C++ thread:
+// - Reception is a python-can listener: a can.Notifier (the transport's own,
+//   or one the program already runs on the bus, so other listeners keep
+//   working) hands every message to it on the notifier's thread, which holds
+//   the GIL anyway. It converts the message and puts the frame in a bounded
+//   inbox; the CAN mapping's receive thread takes frames from there without
+//   the GIL. No polling: an idle bridge waits on the notifier's recv.
+// - Sending puts the frame in a small bounded outbox and returns. One sender
+//   thread takes the GIL once for everything queued and calls bus.send for
+//   each. A full outbox answers busy, so the frames wait in the CAN mapping's
+//   own queues, where a STOP goes first and setpoints replace older ones.
 #include <pybind11/stl.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <deque>
 #include <memory>
+#include <mutex>
 #include <thread>
 
 #include "bindings.hpp"
@@ -17,132 +34,344 @@
 namespace ocp_api::python {
 namespace {
 
-// How long one bus.recv() may block: wake() is noticed within this, since a
-// python-can receive cannot be interrupted from another thread.
-constexpr std::chrono::milliseconds RECEIVE_SLICE{2};
+// Frames received and not yet taken by the CAN mapping, at most. Beyond it the
+// oldest frame is dropped (and counted): a late frame is worth less than a new one.
+constexpr std::size_t INBOX_CAPACITY = 4096;
+// Frames waiting for the sender thread, at most; more answer busy.
+constexpr std::size_t OUTBOX_CAPACITY = 64;
+// A frame python-can refuses (adapter queue full) is tried this often, this far apart.
+constexpr int SEND_ATTEMPTS = 5;
+constexpr std::chrono::milliseconds SEND_RETRY_PAUSE{1};
+// How often the transport's own notifier looks up from an idle bus.recv, which
+// bounds how long close() waits for it.
+constexpr double NOTIFIER_TIMEOUT_S = 0.2;
 
-// A CanLink over a python-can Bus. Each call into python-can takes the GIL;
-// nothing else does.
+// What the bridge itself has carried, beside the CAN mapping's counters.
+struct BridgeCounters {
+    uint64_t frames_received = 0;  // messages the listener took as CAN frames
+    uint64_t frames_ignored = 0;   // error, remote or malformed messages
+    uint64_t inbox_drops = 0;      // received frames dropped because the inbox was full
+    uint64_t inbox_peak = 0;       // the most frames ever waiting in the inbox
+    uint64_t frames_sent = 0;      // frames bus.send took
+    uint64_t send_batches = 0;     // GIL acquisitions of the sender thread
+    uint64_t send_errors = 0;      // frames bus.send refused SEND_ATTEMPTS times
+    uint64_t outbox_full = 0;      // sends answered busy because the outbox was full
+};
+
+// Frames from the listener to the CAN mapping's receive thread, and the link's
+// state changes, in arrival order. Shared by the link and its listener, which
+// Python may keep alive longer than the link.
+class Inbox {
+public:
+    // On the notifier's thread.
+    void push_frame(const CanFrame& frame) {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (closed_) return;
+            if (events_.size() >= INBOX_CAPACITY) {
+                events_.pop_front();
+                ++counters_.inbox_drops;
+            }
+            CanLinkEvent event;
+            event.type = CanLinkEvent::Type::frame;
+            event.frame = frame;
+            events_.push_back(event);
+            ++counters_.frames_received;
+            counters_.inbox_peak = std::max<uint64_t>(counters_.inbox_peak, events_.size());
+        }
+        ready_.notify_one();
+    }
+
+    void push_state(CanLinkState state) {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (closed_ || state == state_) return;
+            state_ = state;
+            CanLinkEvent event;
+            event.type = CanLinkEvent::Type::state;
+            event.state = state;
+            events_.push_back(event);
+        }
+        ready_.notify_one();
+    }
+
+    void count_ignored() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        ++counters_.frames_ignored;
+    }
+
+    // On the CAN mapping's receive thread.
+    CanLinkEvent pop(std::chrono::nanoseconds timeout) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        ready_.wait_for(lock, timeout, [this] { return woken_ || closed_ || !events_.empty(); });
+        if (woken_ || events_.empty()) {
+            woken_ = false;  // a wake() returns nothing, even with frames waiting
+            return {};
+        }
+        const CanLinkEvent event = events_.front();
+        events_.pop_front();
+        return event;
+    }
+
+    void wake() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            woken_ = true;
+        }
+        ready_.notify_one();
+    }
+
+    void close() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            closed_ = true;
+            events_.clear();
+        }
+        ready_.notify_all();
+    }
+
+    CanLinkState state() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return state_;
+    }
+
+    BridgeCounters counters() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return counters_;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::condition_variable ready_;
+    std::deque<CanLinkEvent> events_;
+    CanLinkState state_ = CanLinkState::active;
+    bool woken_ = false;
+    bool closed_ = false;
+    BridgeCounters counters_;
+};
+
+// The python-can listener: a callable taking can.Message, with python-can's
+// on_error and stop. Runs on the notifier's thread with the GIL.
+class BridgeListener {
+public:
+    explicit BridgeListener(std::shared_ptr<Inbox> inbox) : inbox_(std::move(inbox)) {}
+
+    void on_message_received(const py::handle& message) const {
+        CanFrame frame;
+        if (!to_frame(message, frame)) {
+            inbox_->count_ignored();
+            return;
+        }
+        inbox_->push_frame(frame);
+    }
+
+    // The notifier's recv failed (bus shut down, adapter gone); its thread ends.
+    void on_error(const py::handle&) const { inbox_->push_state(CanLinkState::down); }
+
+    void stop() const {}
+
+private:
+    static bool to_frame(const py::handle& message, CanFrame& frame) {
+        try {
+            if (message.attr("is_error_frame").cast<bool>() || message.attr("is_remote_frame").cast<bool>()) {
+                return false;
+            }
+            const py::object data = message.attr("data");
+            Py_buffer view;
+            if (PyObject_GetBuffer(data.ptr(), &view, PyBUF_SIMPLE) != 0) {
+                PyErr_Clear();
+                return false;
+            }
+            const auto length = static_cast<std::size_t>(view.len);
+            if (length <= CanFrame::MAX_DATA) {
+                std::copy_n(static_cast<const uint8_t*>(view.buf), length, frame.data.begin());
+            }
+            PyBuffer_Release(&view);
+            if (length > CanFrame::MAX_DATA) return false;
+            frame.len = static_cast<uint8_t>(length);
+            frame.id = message.attr("arbitration_id").cast<uint32_t>();
+            frame.extended = message.attr("is_extended_id").cast<bool>();
+            frame.fd = message.attr("is_fd").cast<bool>();
+            frame.brs = message.attr("bitrate_switch").cast<bool>();
+            return true;
+        } catch (const std::exception&) {
+            PyErr_Clear();
+            return false;  // a message that is no CAN frame: not ours
+        }
+    }
+
+    std::shared_ptr<Inbox> inbox_;
+};
+
+// A CanLink over a python-can Bus.
 class PythonCanLink : public CanLink {
 public:
-    PythonCanLink(py::object bus, bool fd)
+    // Needs the GIL. Without `notifier` the link runs its own can.Notifier on `bus`.
+    PythonCanLink(py::object bus, bool fd, py::object notifier)
         : bus_(share_object(std::move(bus))),
           message_type_(share_object(py::module_::import("can").attr("Message"))),
           operation_error_(share_object(py::module_::import("can").attr("CanOperationError"))),
-          fd_(fd) {}
+          fd_(fd),
+          inbox_(std::make_shared<Inbox>()) {
+        listener_ = share_object(py::cast(BridgeListener(inbox_)));
+        if (notifier.is_none()) {
+            py::list listeners;
+            listeners.append(*listener_);
+            notifier_ = share_object(py::module_::import("can").attr("Notifier")(
+                *bus_, listeners, py::arg("timeout") = NOTIFIER_TIMEOUT_S));
+            own_notifier_ = true;
+        } else {
+            notifier.attr("add_listener")(*listener_);
+            notifier_ = share_object(std::move(notifier));
+        }
+        outbox_.reserve(OUTBOX_CAPACITY);
+        sending_.reserve(OUTBOX_CAPACITY);
+        sender_ = std::thread([this] { run_sender(); });
+    }
+
+    ~PythonCanLink() override { detach(); }
+    PythonCanLink(const PythonCanLink&) = delete;
+    PythonCanLink& operator=(const PythonCanLink&) = delete;
 
     bool fd() const override { return fd_; }
 
     SendResult send_frame(const CanFrame& frame) override {
-        if (interpreter_finalizing()) return SendResult::failed;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (stopping_) return SendResult::failed;
+            if (outbox_.size() >= OUTBOX_CAPACITY) {
+                ++outbox_full_;
+                return SendResult::busy;
+            }
+            outbox_.push_back(frame);
+        }
+        work_.notify_one();
+        return SendResult::sent;
+    }
+
+    CanLinkEvent receive(std::chrono::nanoseconds timeout) override { return inbox_->pop(timeout); }
+
+    void wake() override { inbox_->wake(); }
+
+    // Stops the sender thread and leaves the notifier (stopping it when it is
+    // the link's own). Safe to call more than once, with or without the GIL.
+    void detach() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (stopping_) return;
+            stopping_ = true;
+        }
+        work_.notify_all();
+        without_gil([this] {
+            if (sender_.joinable()) sender_.join();
+        });
+        inbox_->close();
+        if (interpreter_finalizing()) return;
         py::gil_scoped_acquire gil;
         try {
-            bus_->attr("send")(to_message(frame));
-            return SendResult::sent;
+            if (own_notifier_) {
+                notifier_->attr("stop")();
+            } else {
+                notifier_->attr("remove_listener")(*listener_);
+            }
         } catch (py::error_already_set& error) {
-            // python-can reports a full transmit queue and a bus that is gone
-            // alike; a short retry covers the first, the second fails after it.
-            const bool retry = error.matches(*operation_error_);
-            return retry ? SendResult::busy : SendResult::failed;
+            report_unraisable(error, "ocp_api python-can bridge: leaving the notifier");
         }
     }
 
-    CanLinkEvent receive(std::chrono::nanoseconds timeout) override {
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
-        for (;;) {
-            if (woken_.exchange(false)) return {};
-            const auto left = deadline - std::chrono::steady_clock::now();
-            if (left <= std::chrono::nanoseconds(0) || interpreter_finalizing()) return {};
-            const auto slice = std::min<std::chrono::nanoseconds>(left, RECEIVE_SLICE);
-            if (auto event = receive_once(slice)) return *event;
-        }
+    BridgeCounters counters() const {
+        BridgeCounters counters = inbox_->counters();
+        std::lock_guard<std::mutex> lock(mutex_);
+        counters.frames_sent = frames_sent_;
+        counters.send_batches = send_batches_;
+        counters.send_errors = send_errors_;
+        counters.outbox_full = outbox_full_;
+        return counters;
     }
-
-    void wake() override { woken_.store(true); }
 
 private:
-    py::object to_message(const CanFrame& frame) const {
-        py::dict fields;
-        fields["arbitration_id"] = frame.id;
-        fields["is_extended_id"] = frame.extended;
-        fields["is_fd"] = frame.fd;
-        fields["bitrate_switch"] = frame.brs;
-        fields["data"] = py::bytes(reinterpret_cast<const char*>(frame.data.data()), frame.len);
-        return (*message_type_)(**fields);
+    void run_sender() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        for (;;) {
+            work_.wait(lock, [this] { return stopping_ || !outbox_.empty(); });
+            if (stopping_) return;
+            sending_.swap(outbox_);  // both keep their reserved capacity: no allocation
+            lock.unlock();
+            const auto [sent, failed] = send_batch();
+            sending_.clear();
+            lock.lock();
+            frames_sent_ += sent;
+            send_errors_ += failed;
+            ++send_batches_;
+        }
     }
 
-    // One bounded bus.recv(): an event to return, or nothing yet.
-    std::optional<CanLinkEvent> receive_once(std::chrono::nanoseconds slice) {
+    // Sends every frame of sending_ with one GIL acquisition; (sent, failed).
+    std::pair<uint64_t, uint64_t> send_batch() {
+        uint64_t sent = 0;
+        uint64_t failed = 0;
+        if (interpreter_finalizing()) return {0, sending_.size()};
         py::gil_scoped_acquire gil;
-        if (was_down_) {
-            // The bus failed earlier; a receive that works again says it is back.
-            if (!recv(std::chrono::nanoseconds(0))) return pause(slice);
-            was_down_ = false;
-            return state_event(CanLinkState::active);
+        for (const CanFrame& frame : sending_) {
+            if (send_one(frame)) {
+                ++sent;
+            } else {
+                ++failed;
+            }
         }
-        const auto message = recv(slice);
-        if (!message) {
-            // The bus failed (shut down, adapter gone): say so once, then
-            // keep polling slowly in case it comes back.
-            was_down_ = true;
-            return state_event(CanLinkState::down);
+        if (failed > 0 && sent == 0) {
+            mark_down();
+        } else if (sent > 0) {
+            inbox_->push_state(CanLinkState::active);
         }
-        if (message->is_none()) return std::nullopt;
-        try {
-            return frame_event(*message);
-        } catch (const std::exception&) {
-            return std::nullopt;  // a message that is no CAN frame: not ours
-        }
+        return {sent, failed};
     }
 
-    // bus.recv(timeout): the message or None, or nothing when it raised.
-    std::optional<py::object> recv(std::chrono::nanoseconds timeout) const {
+    bool send_one(const CanFrame& frame) {
+        py::object message;
         try {
-            return bus_->attr("recv")(std::chrono::duration<double>(timeout).count());
+            message = (*message_type_)(
+                py::arg("arbitration_id") = frame.id, py::arg("is_extended_id") = frame.extended,
+                py::arg("is_fd") = frame.fd, py::arg("bitrate_switch") = frame.brs,
+                py::arg("data") = py::bytes(reinterpret_cast<const char*>(frame.data.data()), frame.len));
         } catch (py::error_already_set&) {
-            return std::nullopt;
+            return false;
+        }
+        for (int attempt = 1;; ++attempt) {
+            try {
+                bus_->attr("send")(message);
+                return true;
+            } catch (py::error_already_set& error) {
+                // python-can reports a full transmit queue and a bus that is
+                // gone alike; a few short retries cover the first.
+                if (!error.matches(*operation_error_) || attempt == SEND_ATTEMPTS) return false;
+            }
+            py::gil_scoped_release release;
+            std::this_thread::sleep_for(SEND_RETRY_PAUSE);
         }
     }
 
-    static std::optional<CanLinkEvent> pause(std::chrono::nanoseconds slice) {
-        py::gil_scoped_release release;
-        std::this_thread::sleep_for(slice);
-        return std::nullopt;
-    }
-
-    static std::optional<CanLinkEvent> frame_event(const py::object& message) {
-        if (message.attr("is_error_frame").cast<bool>() || message.attr("is_remote_frame").cast<bool>()) {
-            return std::nullopt;
-        }
-        // bytearray in python-can's messages; bytes(...) takes any bytes-like
-        const auto bytes = py::reinterpret_steal<py::object>(PyObject_Bytes(message.attr("data").ptr()));
-        if (!bytes) throw py::error_already_set();
-        const std::string data = py::reinterpret_borrow<py::bytes>(bytes);
-        if (data.size() > CanFrame::MAX_DATA) return std::nullopt;
-        CanLinkEvent event;
-        event.type = CanLinkEvent::Type::frame;
-        event.frame.id = message.attr("arbitration_id").cast<uint32_t>();
-        event.frame.extended = message.attr("is_extended_id").cast<bool>();
-        event.frame.fd = message.attr("is_fd").cast<bool>();
-        event.frame.brs = message.attr("bitrate_switch").cast<bool>();
-        event.frame.len = static_cast<uint8_t>(data.size());
-        std::copy(data.begin(), data.end(), event.frame.data.begin());
-        return event;
-    }
-
-    static CanLinkEvent state_event(CanLinkState state) {
-        CanLinkEvent event;
-        event.type = CanLinkEvent::Type::state;
-        event.state = state;
-        return event;
-    }
+    void mark_down() { inbox_->push_state(CanLinkState::down); }
 
     const SharedObject bus_;
     const SharedObject message_type_;
     const SharedObject operation_error_;
     const bool fd_;
-    std::atomic<bool> woken_{false};
-    bool was_down_ = false;  // only the receive thread reads and writes it
+    const std::shared_ptr<Inbox> inbox_;
+    SharedObject listener_;
+    SharedObject notifier_;
+    bool own_notifier_ = false;
+
+    mutable std::mutex mutex_;
+    std::condition_variable work_;
+    std::vector<CanFrame> outbox_;   // guarded by mutex_
+    std::vector<CanFrame> sending_;  // only the sender thread
+    bool stopping_ = false;
+    uint64_t frames_sent_ = 0;
+    uint64_t send_batches_ = 0;
+    uint64_t send_errors_ = 0;
+    uint64_t outbox_full_ = 0;
+    std::thread sender_;
 };
 
 CanBusOptions host_options(bool fd) {
@@ -161,31 +390,78 @@ CanDeviceHostOptions device_options(bool fd, double time_scale) {
 // The OCP transport over a python-can Bus; closed at interpreter exit.
 class PythonCanTransport : public CanBus {
 public:
-    PythonCanTransport(py::object bus, bool fd)
-        : CanBus(std::make_unique<PythonCanLink>(std::move(bus), fd), host_options(fd)) {
-        track_transport(this, [this] { close(); });
-    }
+    PythonCanTransport(py::object bus, bool fd, py::object notifier)
+        : PythonCanTransport(new PythonCanLink(std::move(bus), fd, std::move(notifier)), fd) {}
     ~PythonCanTransport() override { untrack_transport(this); }
     PythonCanTransport(const PythonCanTransport&) = delete;
     PythonCanTransport& operator=(const PythonCanTransport&) = delete;
+
+    // Also leaves the notifier: a closed transport takes no more frames.
+    void close() override {
+        CanBus::close();
+        link_->detach();
+    }
+
+    BridgeCounters bridge_counters() const { return link_->counters(); }
+
+private:
+    PythonCanTransport(PythonCanLink* link, bool fd)
+        : CanBus(std::unique_ptr<CanLink>(link), host_options(fd)), link_(link) {
+        track_transport(this, [this] { close(); });
+    }
+
+    PythonCanLink* const link_;  // owned by CanBus
 };
 
 // Emulated actuators answering on a python-can Bus; closed at interpreter exit.
 class PythonCanDeviceHost : public CanDeviceHost {
 public:
-    PythonCanDeviceHost(py::object bus, bool fd, double time_scale)
-        : CanDeviceHost(std::make_unique<PythonCanLink>(std::move(bus), fd), device_options(fd, time_scale)) {
-        track_transport(this, [this] { close(); });
-    }
+    PythonCanDeviceHost(py::object bus, bool fd, double time_scale, py::object notifier)
+        : PythonCanDeviceHost(new PythonCanLink(std::move(bus), fd, std::move(notifier)), fd, time_scale) {}
     ~PythonCanDeviceHost() override { untrack_transport(this); }
     PythonCanDeviceHost(const PythonCanDeviceHost&) = delete;
     PythonCanDeviceHost& operator=(const PythonCanDeviceHost&) = delete;
+
+    void close() {
+        CanDeviceHost::close();
+        link_->detach();
+    }
+
+    BridgeCounters bridge_counters() const { return link_->counters(); }
+
+private:
+    PythonCanDeviceHost(PythonCanLink* link, bool fd, double time_scale)
+        : CanDeviceHost(std::unique_ptr<CanLink>(link), device_options(fd, time_scale)), link_(link) {
+        track_transport(this, [this] { close(); });
+    }
+
+    PythonCanLink* const link_;  // owned by CanDeviceHost
 };
 
 }  // namespace
 
 void bind_python_can(py::module_& module) {
     using release_gil = py::call_guard<py::gil_scoped_release>;
+
+    py::class_<BridgeListener>(module, "_PythonCanListener", R"doc(
+The python-can listener of a bridge: a can.Notifier calls it with every
+message; it keeps the CAN frames for the bridge's receive thread.)doc")
+        .def("__call__", &BridgeListener::on_message_received, py::arg("message"))
+        .def("on_message_received", &BridgeListener::on_message_received, py::arg("message"))
+        .def("on_error", &BridgeListener::on_error, py::arg("error"))
+        .def("stop", &BridgeListener::stop);
+
+    py::class_<BridgeCounters>(module, "PythonCanBridgeCounters", "What a python-can bridge has carried so far.")
+        .def_readonly("frames_received", &BridgeCounters::frames_received, "Messages taken as CAN frames.")
+        .def_readonly("frames_ignored", &BridgeCounters::frames_ignored, "Error, remote or malformed messages.")
+        .def_readonly("inbox_drops", &BridgeCounters::inbox_drops,
+                      "Received frames dropped, oldest first, because 4096 were waiting.")
+        .def_readonly("inbox_peak", &BridgeCounters::inbox_peak, "The most received frames ever waiting.")
+        .def_readonly("frames_sent", &BridgeCounters::frames_sent, "Frames bus.send took.")
+        .def_readonly("send_batches", &BridgeCounters::send_batches, "Times the sender thread took the GIL.")
+        .def_readonly("send_errors", &BridgeCounters::send_errors, "Frames bus.send refused, after retries.")
+        .def_readonly("outbox_full", &BridgeCounters::outbox_full,
+                      "Sends answered busy because 64 frames were waiting for bus.send.");
 
     py::class_<CanBusCounters>(module, "CanBusCounters", "What a CAN transport has carried so far.")
         .def_readonly("frames_in", &CanBusCounters::frames_in)
@@ -204,14 +480,20 @@ void bind_python_can(py::module_& module) {
 Actuators through any python-can ``Bus``: the library's CAN identifiers and
 segmentation over the frames python-can sends and receives.
 
-``fd=True`` sends CAN-FD frames (the bus must carry them). A receive thread
-owned by the transport calls ``bus.recv`` in slices of a few milliseconds and
-``bus.send`` for every frame, each with the GIL; callbacks run on that thread.
-The transport keeps ``bus`` alive and never shuts it down: close the transport
-(or drop it and its actuators) before ``bus.shutdown()``.)doc")
-        .def(py::init([](py::object bus, bool fd) { return Holder<PythonCanTransport>(new PythonCanTransport(bus, fd)); }),
-             py::arg("bus"), py::arg("fd") = false)
+``fd=True`` sends CAN-FD frames (the bus must carry them). Frames arrive
+through a python-can listener: pass ``notifier=`` a ``can.Notifier`` already
+running on ``bus`` to share it with the program's other listeners; without one
+the transport runs its own. Frames leave through one sender thread that takes
+the GIL once for all frames waiting and calls ``bus.send`` for each. Callbacks
+run on the transport's receive thread. The transport keeps ``bus`` alive and
+never shuts it down: close it (or leave its ``with`` block) before
+``bus.shutdown()``.)doc")
+        .def(py::init([](py::object bus, bool fd, py::object notifier) {
+                 return Holder<PythonCanTransport>(new PythonCanTransport(bus, fd, notifier));
+             }),
+             py::arg("bus"), py::arg("fd") = false, py::arg("notifier") = py::none())
         .def("counters", &PythonCanTransport::counters, release_gil())
+        .def("bridge_counters", &PythonCanTransport::bridge_counters, release_gil())
         .def_property_readonly("fd", &PythonCanTransport::fd);
 
     py::class_<CanDeviceHostCounters>(module, "CanDeviceHostCounters", "What a device host has carried so far.")
@@ -231,11 +513,13 @@ real bus would (same identifiers, same segmentation): for trying host code on
 an adapter or a python-can ``virtual`` channel without actuators.
 
 Its thread runs the devices' physics in step with the wall clock times
-``time_scale``.)doc")
-        .def(py::init([](py::object bus, bool fd, double time_scale) {
-                 return Holder<PythonCanDeviceHost>(new PythonCanDeviceHost(bus, fd, time_scale));
+``time_scale``. Frames arrive and leave as for ``PythonCanTransport``
+(``notifier=`` shares a running ``can.Notifier``).)doc")
+        .def(py::init([](py::object bus, bool fd, double time_scale, py::object notifier) {
+                 return Holder<PythonCanDeviceHost>(new PythonCanDeviceHost(bus, fd, time_scale, notifier));
              }),
-             py::arg("bus"), py::arg("fd") = false, py::arg("time_scale") = 1.0)
+             py::arg("bus"), py::arg("fd") = false, py::arg("time_scale") = 1.0, py::arg("notifier") = py::none())
+        .def("bridge_counters", &PythonCanDeviceHost::bridge_counters, release_gil())
         .def("add_actuator", &PythonCanDeviceHost::add_actuator, py::arg("address"), py::arg("model_code") = 3,
              py::arg("firmware_word") = 0x0842, py::return_value_policy::reference_internal, release_gil(),
              "Adds an emulated actuator; ValueError for a bad or taken address.")
@@ -247,7 +531,15 @@ Its thread runs the devices' physics in step with the wall clock times
         .def("actuator_count", &PythonCanDeviceHost::actuator_count, release_gil())
         .def("counters", &PythonCanDeviceHost::counters, release_gil())
         .def("close", &PythonCanDeviceHost::close, release_gil(),
-             "Stops the host's thread; the devices stay and answer nothing.");
+             "Stops the host's thread; the devices stay and answer nothing.")
+        .def("__enter__", [](const py::object& self) { return self; })
+        .def(
+            "__exit__",
+            [](PythonCanDeviceHost& self, const py::object&, const py::object&, const py::object&) {
+                self.close();
+                return false;
+            },
+            py::call_guard<py::gil_scoped_release>());
 }
 
 }  // namespace ocp_api::python

@@ -183,7 +183,15 @@ it lives. Exceptions raised by these methods are reported through
             py::arg("address"),
             "Removes the callback of ``address``; once this returns it is never called again.")
         .def(
-            "close", [](OCP& self) { without_gil([&] { self.close(); }); }, "Closes the transport.");
+            "close", [](OCP& self) { without_gil([&] { self.close(); }); }, "Closes the transport.")
+        .def("__enter__", [](const py::object& self) { return self; })
+        .def(
+            "__exit__",
+            [](OCP& self, const py::object&, const py::object&, const py::object&) {
+                without_gil([&] { self.close(); });
+                return false;
+            },
+            "Closes the transport at the end of a ``with`` block.");
 
     module.def("_close_live_transports", &close_live_transports,
                "Closes every transport with a receive thread; run at interpreter exit.");

@@ -111,3 +111,17 @@ class UnraisableLog(list):
 @pytest.fixture
 def unraisable(monkeypatch):
     return UnraisableLog(monkeypatch)
+
+
+@pytest.fixture
+def sim():
+    """A simulated bus with the three emulated actuators of "sim" (0x21 HERON_A,
+    0x22 KESTREL_B, 0x23 HERON_C). Replies leave 20 ms late: the scanners do not
+    count a reply that beats their return from send(), which on a loaded
+    machine an emulated device on the same host can do."""
+    bus = ocp_api.SimBus(ocp_api.SimBusOptions(reply_latency=0.02))
+    bus.add_actuator(0x21, 3, 0x0842)
+    bus.add_actuator(0x22, 2, (1 << 11) | (4 << 6) | 3)
+    bus.add_actuator(0x23, 6, (2 << 11) | 1)
+    with bus:
+        yield bus

@@ -69,3 +69,17 @@ def test_benchmark_runs_and_reports_every_path():
     assert lines[0].split() == ["path", "us/call", "vs", "bus.send"]
     assert len(lines) == 7
     assert lines[1].endswith(" 1.00x")
+
+
+def test_aio_move_finds_reads_moves_and_raises_on_silence():
+    result = run("aio_move.py")
+    assert result.returncode == 0, result.stderr
+    assert result.stderr == ""
+    limits = "limits {'LIMIT_TORQUE': 10.0, 'LIMIT_SPEED_MAX': 50.0}\n"
+    assert result.stdout == (
+        "<aio.Actuator address=0x21 model='HERON_A' firmware='1.1.2' connected mode=SPEED>\n"
+        "<aio.Actuator address=0x22 model='KESTREL_B' firmware='1.4.3' connected mode=SPEED>\n"
+        "<aio.Actuator address=0x23 model='HERON_C' firmware='2.0.1' connected mode=SPEED>\n"
+        "0x21 " + limits + "0x22 " + limits + "0x23 " + limits +
+        "0x21 at 0.25 rad\n0x22 at 0.50 rad\n0x23 at 0.75 rad\n"
+        "OcpTimeoutError: address 0x30: no answer to a ping within 0.1 s\n")

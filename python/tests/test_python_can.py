@@ -3,6 +3,7 @@ through PythonCanTransport against emulated devices hosted on another endpoint
 of the same channel, with the frames the CAN mapping documents."""
 
 import gc
+import threading
 import time
 import uuid
 
@@ -119,6 +120,12 @@ class SlowToAnswer:
     def recv(self, timeout=None):
         return self.bus.recv(timeout)
 
+    # What can.Notifier asks of a bus besides recv.
+    channel_info = "slow to answer"
+
+    def fileno(self):
+        raise NotImplementedError
+
 
 def test_scanner_over_python_can(channel, capfd):
     devices = ocp_api.PythonCanDeviceHost(SlowToAnswer(channel()))
@@ -164,3 +171,88 @@ def test_bad_device_address_raises(devices):
     devices.add_actuator(0x21)
     devices.remove_actuator(0x21)
     assert devices.actuator_count() == 0
+
+
+def test_two_bridge_endpoints_and_a_program_notifier_share_the_channel(channel):
+    devices = ocp_api.PythonCanDeviceHost(channel())
+    devices.add_actuator(0x21)
+    host_side = channel()
+    reader = can.BufferedReader()
+    notifier = can.Notifier(host_side, [reader], timeout=0.1)
+    try:
+        with ocp_api.PythonCanTransport(host_side, notifier=notifier) as transport:
+            joint = Actuator(transport, 0x21)
+            # Every connect works: the transport does not compete with the
+            # program's notifier for bus.recv, it listens on it.
+            assert [joint.connect(2.0) for _ in range(20)] == [True] * 20
+            # The program's own listener saw every ping reply too.
+            replies = []
+            while (message := reader.get_message(0.5)) is not None:
+                replies.append(message)
+            assert len(replies) == 20
+            assert {message.arbitration_id for message in replies} == {0x00D04021}
+            assert transport.bridge_counters().frames_received == 20
+            del joint
+        # Closed: the transport left the notifier, which goes on for the program.
+        assert notifier.listeners == [reader]
+    finally:
+        notifier.stop()
+        devices.close()
+
+
+def test_a_flood_behind_a_stuck_receive_thread_is_bounded_and_counted(channel):
+    sender = channel()
+    transport = ocp_api.PythonCanTransport(channel())
+    release = threading.Event()
+    delivered = []
+
+    def stuck_at_first(address, data, kind):
+        delivered.append(data)
+        release.wait(60.0)  # holds the receive thread; the notifier goes on
+
+    transport.setCallback(0x21, stuck_at_first)
+    flood = 10000
+    for _ in range(flood):
+        sender.send(can.Message(arbitration_id=0x00D04021, data=[0x01, 0x00]))
+    assert wait_until(lambda: transport.bridge_counters().frames_received == flood, 60.0)
+    bridge = transport.bridge_counters()
+    # One frame is in the stuck callback, 4096 wait, the oldest others were dropped.
+    assert (len(delivered), bridge.inbox_peak, bridge.inbox_drops) == (1, 4096, flood - 1 - 4096)
+    release.set()
+    assert wait_until(lambda: len(delivered) == 1 + 4096, 60.0)
+    assert transport.counters().frames_in == 1 + 4096
+    transport.close()
+
+
+def test_streaming_replies_are_all_delivered_and_sends_are_batched(channel):
+    devices = ocp_api.PythonCanDeviceHost(channel())
+    transport = ocp_api.PythonCanTransport(channel())
+    joints = []
+    received = {}
+    for address in (0x21, 0x22, 0x23):
+        devices.add_actuator(address)
+        joint = Actuator(transport, address)
+        received[address] = 0
+        joint.set_feedback_callback(lambda source, items: received.__setitem__(source, received[source] + 1))
+        joint.setFeedbackItems([Items.POS_FB_4C, Items.SPD_FB_45, Items.T_FB_49, Items.VBUS_70])
+        joints.append(joint)
+    for joint in joints:
+        joint.setFeedbackRate(200)  # the rate the bridge keeps up with is measured in python/bench
+    assert wait_until(lambda: min(received.values()) >= 200, 60.0)
+    for joint in joints:
+        joint.setFeedbackRate(0)
+    # Once streaming stopped, every reply the devices sent reached the host.
+    assert wait_until(lambda: transport.counters().messages_in == devices.counters().replies_out, 30.0)
+    assert transport.bridge_counters().inbox_drops == 0
+    assert transport.counters().drops == 0
+    # The host's setpoints: many frames, fewer GIL acquisitions of the sender.
+    for step in range(300):
+        joints[step % 3].change_position_setpoint(step * 0.001)
+    assert wait_until(lambda: devices.counters().commands_in >= transport.counters().messages_out, 30.0)
+    bridge = transport.bridge_counters()
+    assert bridge.send_errors == 0
+    assert bridge.send_batches < bridge.frames_sent
+    del joints
+    gc.collect()
+    devices.close()
+    transport.close()
