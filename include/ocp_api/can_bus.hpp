@@ -98,7 +98,7 @@ private:
     void run();
     std::shared_ptr<StateCallback> note_state(CanLinkState state);
     void transmit(const std::vector<CanFrame>& frames);
-    bool transmit_one(const CanFrame& frame);
+    bool transmit_one(const CanFrame& frame, bool urgent = false);
     bool answer_locally(int address, const std::vector<uint8_t>& frame);
     std::chrono::nanoseconds time_until_deadline() const;
     void deliver(std::vector<can::ReceivedMessage>& messages);

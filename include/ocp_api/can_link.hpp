@@ -65,6 +65,10 @@ public:
     virtual bool fd() const = 0;
     // Sends one frame. Safe from any thread.
     virtual SendResult send_frame(const CanFrame& frame) = 0;
+    // Sends a frame that must go before every frame this link still holds
+    // (the STOP's): a link with a transmit queue of its own puts it first. By
+    // default the same as send_frame().
+    virtual SendResult send_urgent_frame(const CanFrame& frame) { return send_frame(frame); }
     // Waits at most `timeout` for one event. Only one thread (the owner's
     // receive thread) calls it.
     virtual CanLinkEvent receive(std::chrono::nanoseconds timeout) = 0;
@@ -78,8 +82,10 @@ protected:
     CanLink& operator=(const CanLink&) = default;
 };
 
-// Sends `frame`, retrying for up to `busy_retry` while the link reports busy;
-// returns busy when it was still busy at the end.
-CanLink::SendResult send_frame_retrying(CanLink& link, const CanFrame& frame, std::chrono::microseconds busy_retry);
+// Sends `frame` (with send_urgent_frame() when `urgent`), retrying for up to
+// `busy_retry` while the link reports busy; returns busy when it was still
+// busy at the end.
+CanLink::SendResult send_frame_retrying(CanLink& link, const CanFrame& frame, std::chrono::microseconds busy_retry,
+                                        bool urgent = false);
 
 }  // namespace ocp_api

@@ -36,6 +36,10 @@ struct SocketCanLinkOptions {
     std::vector<CanIdFilter> filters;
     // How often a link that is down checks whether its interface is back.
     std::chrono::milliseconds recovery_interval{100};
+    // Send every CAN-FD frame with the bit-rate switch, so its data phase
+    // runs at the interface's data bit rate (`ip link ... dbitrate`); off,
+    // only frames that ask for it (CanFrame::brs) switch.
+    bool bit_rate_switch = true;
 };
 
 class SocketCanLink final : public CanLink {

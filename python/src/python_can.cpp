@@ -39,6 +39,7 @@ namespace {
 constexpr std::size_t INBOX_CAPACITY = 4096;
 // Frames waiting for the sender thread, at most; more answer busy.
 constexpr std::size_t OUTBOX_CAPACITY = 64;
+constexpr std::size_t URGENT_ROOM = 8;
 // A frame python-can refuses (adapter queue full) is tried this often, this far apart.
 constexpr int SEND_ATTEMPTS = 5;
 constexpr std::chrono::milliseconds SEND_RETRY_PAUSE{1};
@@ -224,8 +225,9 @@ public:
             notifier.attr("add_listener")(*listener_);
             notifier_ = share_object(std::move(notifier));
         }
-        outbox_.reserve(OUTBOX_CAPACITY);
-        sending_.reserve(OUTBOX_CAPACITY);
+        // Room beyond the capacity for STOPs, which are never refused.
+        outbox_.reserve(OUTBOX_CAPACITY + URGENT_ROOM);
+        sending_.reserve(OUTBOX_CAPACITY + URGENT_ROOM);
         sender_ = std::thread([this] { run_sender(); });
     }
 
@@ -244,6 +246,17 @@ public:
                 return SendResult::busy;
             }
             outbox_.push_back(frame);
+        }
+        work_.notify_one();
+        return SendResult::sent;
+    }
+
+    // A STOP goes ahead of every frame in the outbox, full or not.
+    SendResult send_urgent_frame(const CanFrame& frame) override {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (stopping_) return SendResult::failed;
+            outbox_.insert(outbox_.begin(), frame);
         }
         work_.notify_one();
         return SendResult::sent;

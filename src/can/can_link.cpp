@@ -31,13 +31,15 @@ uint8_t fd_frame_length(std::size_t bytes) {
 
 CanLink::~CanLink() = default;
 
-CanLink::SendResult send_frame_retrying(CanLink& link, const CanFrame& frame, std::chrono::microseconds busy_retry) {
-    CanLink::SendResult result = link.send_frame(frame);
+CanLink::SendResult send_frame_retrying(CanLink& link, const CanFrame& frame, std::chrono::microseconds busy_retry,
+                                        bool urgent) {
+    const auto attempt = [&] { return urgent ? link.send_urgent_frame(frame) : link.send_frame(frame); };
+    CanLink::SendResult result = attempt();
     if (result != CanLink::SendResult::busy) return result;  // nearly always: no clock needed
     const auto give_up_at = std::chrono::steady_clock::now() + busy_retry;
     for (;;) {
         std::this_thread::sleep_for(BUSY_PAUSE);
-        result = link.send_frame(frame);
+        result = attempt();
         if (result != CanLink::SendResult::busy || std::chrono::steady_clock::now() >= give_up_at) return result;
     }
 }

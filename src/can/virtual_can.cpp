@@ -128,11 +128,16 @@ public:
 
     bool fd() const override { return fd_; }
 
-    SendResult send_frame(const CanFrame& frame) override {
+    SendResult send_frame(const CanFrame& frame) override { return send(frame, false); }
+    // Like a controller's high-priority transmit buffer: ahead of every frame
+    // waiting in this endpoint's queue (behind the one on the bus now).
+    SendResult send_urgent_frame(const CanFrame& frame) override { return send(frame, true); }
+
+    SendResult send(const CanFrame& frame, bool urgent) {
         if ((frame.fd && !fd_) || !is_valid_frame_length(frame.len, frame.fd)) return SendResult::failed;
         std::lock_guard<std::mutex> lock(shared_->mutex);
         if (!carries_traffic(shared_->state)) return SendResult::failed;
-        if (shared_->timing) return queue_for_bus(frame);
+        if (shared_->timing) return queue_for_bus(frame, urgent);
         ++shared_->carried;
         for (Endpoint* other : shared_->endpoints) {
             if (other != this) other->deliver(frame);
@@ -271,13 +276,16 @@ public:
     const std::deque<Waiting>& tx_queue() const { return tx_queue_; }
 
 private:
-    SendResult queue_for_bus(const CanFrame& frame) {
+    SendResult queue_for_bus(const CanFrame& frame, bool urgent) {
         const Nanos now = shared_->now();
         if (!shared_->manual_clock) shared_->pump(now);
         if (bus_off_) return SendResult::failed;
-        if (tx_queue_.size() >= shared_->tx_queue_limit) return SendResult::busy;
-        tx_queue_.push_back({frame, now});
-        if (shared_->switch_bit_rate && frame.fd) tx_queue_.back().frame.brs = true;
+        if (!urgent && tx_queue_.size() >= shared_->tx_queue_limit) return SendResult::busy;
+        // The head may be on the bus now; an urgent frame goes right behind it.
+        const bool head_on_bus = shared_->in_flight && shared_->in_flight->source == this;
+        const auto at = urgent ? tx_queue_.begin() + (head_on_bus && !tx_queue_.empty() ? 1 : 0) : tx_queue_.end();
+        Waiting& waiting = *tx_queue_.insert(at, {frame, now});
+        if (shared_->switch_bit_rate && frame.fd) waiting.frame.brs = true;
         shared_->pump(now);
         return SendResult::sent;
     }

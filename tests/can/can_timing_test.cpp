@@ -164,6 +164,18 @@ TEST(TimedVirtualCan, AFrameArrivesWhenItsLastBitWould) {
     EXPECT_DOUBLE_EQ(channel.bus_stats().load(), 0.5);
 }
 
+// An urgent frame (a STOP) waits only for the frame already on the bus, not
+// for the ones queued before it at the same endpoint.
+TEST(TimedVirtualCan, AnUrgentFrameGoesAheadOfTheEndpointsQueue) {
+    VirtualCanChannel channel(timed());
+    auto sender = channel.open();
+    auto listener = channel.open();
+    for (uint32_t id = 1; id <= 5; ++id) ASSERT_EQ(sender->send_frame(frame_of(id, false, 8)), CanLink::SendResult::sent);
+    ASSERT_EQ(sender->send_urgent_frame(frame_of(0x42, false, 2)), CanLink::SendResult::sent);
+    channel.advance(10ms);
+    EXPECT_EQ(drain_ids(*listener), (std::vector<uint32_t>{1, 0x42, 2, 3, 4, 5}));
+}
+
 TEST(TimedVirtualCan, LowestIdentifierAmongWaitingEndpointsWinsArbitration) {
     VirtualCanChannel channel(timed());
     auto listener = channel.open();

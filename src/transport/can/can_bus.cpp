@@ -59,11 +59,14 @@ bool CanBus::send(int address, const std::vector<uint8_t>& frame) {
     // Frames go to the link under the lock, as they are produced: a STOP's
     // single frame is the next one the link gets.
     send_frames_.clear();
+    const can::MessageClass message_class = message_class_of(frame);
     const bool queued = node_.send_at_once(address, 0, frame.data(), frame.size(), send_frames_) ||
-                        node_.queue(address, 0, frame.data(), frame.size(), message_class_of(frame), Clock::now(),
-                                    send_frames_);
-    const bool handed_over = std::all_of(send_frames_.begin(), send_frames_.end(),
-                                         [this](const CanFrame& f) { return transmit_one(f); });
+                        node_.queue(address, 0, frame.data(), frame.size(), message_class, Clock::now(), send_frames_);
+    // A STOP's single frame comes first out of the node; it also goes ahead of
+    // whatever the link itself still holds.
+    bool handed_over = true;
+    for (std::size_t i = 0; i < send_frames_.size(); ++i)
+        handed_over &= transmit_one(send_frames_[i], i == 0 && message_class == can::MessageClass::safety);
     // A segmented command now waits for flow control: the receive thread must
     // see its new deadline.
     if (node_.deadline()) link_->wake();
@@ -134,8 +137,8 @@ CanBusCounters CanBus::counters() const {
 // Called with the lock held. A frame the adapter still cannot take after a
 // short retry is dropped (its message is then incomplete, and the device
 // drops it on its time-out).
-bool CanBus::transmit_one(const CanFrame& frame) {
-    switch (send_frame_retrying(*link_, frame, options_.busy_retry)) {
+bool CanBus::transmit_one(const CanFrame& frame, bool urgent) {
+    switch (send_frame_retrying(*link_, frame, options_.busy_retry, urgent)) {
     case CanLink::SendResult::sent:
         ++counters_.frames_out;
         return true;

@@ -186,7 +186,7 @@ CanLink::SendResult SocketCanLink::send_frame(const CanFrame& frame) {
     canfd_frame raw{};
     raw.can_id = frame.extended ? ((frame.id & CAN_EFF_MASK) | CAN_EFF_FLAG) : (frame.id & CAN_SFF_MASK);
     raw.len = frame.len;
-    if (frame.fd && frame.brs) raw.flags = CANFD_BRS;
+    if (frame.fd && (frame.brs || options_.bit_rate_switch)) raw.flags = CANFD_BRS;
     std::memcpy(raw.data, frame.data.data(), frame.len);
     const std::size_t size = frame.fd ? CANFD_MTU : CAN_MTU;  // a can_frame is a canfd_frame's prefix
     ssize_t written = ::send(socket_.get(), &raw, size, MSG_DONTWAIT);

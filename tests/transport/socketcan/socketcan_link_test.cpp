@@ -149,7 +149,7 @@ TEST(SocketCanLink, SentClassicFramesAreWhatCandumpSees) {
 }
 
 TEST(SocketCanLink, SentFdFramesAreWhatCandumpSees) {
-    SocketCanLink link(ocp_vm::fd_interface(), {true, {}, 100ms});
+    SocketCanLink link(ocp_vm::fd_interface(), {true, {}, 100ms, false});  // BRS only where a frame asks
     CanFrame big = frame_of(0x00ABCDEF, {}, true, true);
     big.len = 64;
     for (uint8_t i = 0; i < 64; ++i) big.data[i] = i;
@@ -175,6 +175,18 @@ TEST(SocketCanLink, SentFdFramesAreWhatCandumpSees) {
     expected_small[flags] = rest[flags];
     EXPECT_EQ(first, expected_big);
     EXPECT_EQ(rest, expected_small + "vcanfd0 00000010#42\n");
+}
+
+// By default every CAN-FD frame goes with the bit-rate switch, so a real
+// interface sends its data at the data bit rate.
+TEST(SocketCanLink, FdFramesSwitchTheBitRateByDefault) {
+    SocketCanLink link(ocp_vm::fd_interface(), {true, {}, 100ms});
+    const std::string seen = candump_line("vcanfd0", 1, [&] {
+        EXPECT_EQ(link.send_frame(frame_of(0x1FFFFFFF, {0xAA, 0xBB, 0xCC}, true, false)), CanLink::SendResult::sent);
+    });
+    const std::size_t flags = std::string("vcanfd0 1FFFFFFF##").size();
+    ASSERT_GT(seen.size(), flags);
+    EXPECT_TRUE(seen[flags] == '1' || seen[flags] == '5') << seen;
 }
 
 TEST(SocketCanLink, FramesFromCansendArriveExactly) {
