@@ -177,9 +177,9 @@ private:
     std::unordered_map<std::string, bool> limit_flags;
     FeedbackCallback feedback_callback;
     ErrorCallback error_callback;
-    // Set when the feedback items change: the next snapshot rebuilds the map
-    // instead of overwriting its values in place.
-    bool snapshot_keys_stale = true;
+    // Nodes of the snapshot map between taking them out and putting them back
+    // in a refresh; empty outside update_feedback_snapshot.
+    std::vector<FeedbackMap::node_type> spare_snapshot_nodes;
 };
 
 }  // namespace ocp_api

@@ -164,13 +164,32 @@ float OrreryActuatorVirtual::item_value(OCP_Items item) const {
 }
 
 void OrreryActuatorVirtual::update_feedback_snapshot() {
-    if (snapshot_keys_stale) {
-        feedback.clear();
-        snapshot_keys_stale = false;
+    // Cleared and refilled in item order, so the map iterates exactly as a
+    // freshly refilled one would (rehashes during the first fill after a
+    // change of items leave another order than a refill of the grown table).
+    // The nodes are taken out and put back rather than freed and allocated
+    // again: a step allocates nothing once the items have settled.
+    spare_snapshot_nodes.reserve(feedback_items.size());
+    while (!feedback.empty()) spare_snapshot_nodes.push_back(feedback.extract(feedback.begin()));
+    feedback.clear();
+    for (const OCP_Items item : feedback_items) {
+        const float value = item_value(item);
+        if (spare_snapshot_nodes.empty()) {
+            feedback[item] = value;
+            continue;
+        }
+        FeedbackMap::node_type node = std::move(spare_snapshot_nodes.back());
+        spare_snapshot_nodes.pop_back();
+        node.key() = item;
+        node.mapped() = value;
+        auto inserted = feedback.insert(std::move(node));
+        if (!inserted.inserted) {  // an item listed twice: one entry
+            inserted.position->second = value;
+            spare_snapshot_nodes.push_back(std::move(inserted.node));
+        }
     }
-    // With the keys unchanged since the last snapshot this only overwrites
-    // values; the result is the same as clearing and refilling the map.
-    for (const OCP_Items item : feedback_items) feedback[item] = item_value(item);
+    // Nodes of items no longer listed are released.
+    spare_snapshot_nodes.clear();
 }
 
 OrreryActuatorVirtual::FeedbackMap OrreryActuatorVirtual::get_feedback() const { return feedback; }
@@ -189,7 +208,6 @@ OrreryActuatorVirtual::FeedbackMap OrreryActuatorVirtual::get_items_blocking(con
 
 void OrreryActuatorVirtual::set_feedback_items(const std::vector<OCP_Items>& items) {
     feedback_items = items;
-    snapshot_keys_stale = true;
     update_feedback_snapshot();
 }
 
