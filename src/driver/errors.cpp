@@ -24,11 +24,10 @@ void OrreryActuator::parse_errors(uint32_t error_word) {
         if ((error_word >> (bit % 32)) & 1u) errors.emplace(bit, description);
     }
     if (errors.empty()) return;
-    std::shared_ptr<const ErrorCallback> retired;  // destroyed after the lock is released
     std::shared_ptr<const ErrorCallback> callback;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        callback = error_callback_.current(retired);
+        callback = error_callback_.current();
     }
     if (callback) (*callback)(address_.load(), std::move(errors));
 }

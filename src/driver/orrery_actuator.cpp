@@ -13,7 +13,8 @@ OrreryActuator::OrreryActuator(OCP& transport, int address) : transport_(transpo
     requested_items_.max_load_factor(1.0f);
     parameters_.max_load_factor(1.0f);
     ErrorCallback default_callback = [this](int source, ErrorMap errors) { default_error_callback(source, errors); };
-    error_callback_.replace(default_callback);
+    std::shared_ptr<const ErrorCallback> none;
+    error_callback_.replace(default_callback, none);
     transport_.setCallback(address, [this](int source, std::vector<uint8_t> bytes, int kind) {
         can_callback(source, std::move(bytes), kind);
     });
@@ -45,16 +46,19 @@ void OrreryActuator::disconnect() {
     connected_.store(false);
 }
 
-// The earlier pending callback ends up in `cb` and dies after the lock is
-// released, so its destructor may call back into the actuator.
+// The callback replaced ends up in `cb` or `retired` and dies when the
+// setter returns, after the lock is released, so its destructor may call back
+// into the actuator.
 void OrreryActuator::set_feedback_callback(FeedbackCallback cb) noexcept {
+    std::shared_ptr<const FeedbackCallback> retired;
     std::lock_guard<std::mutex> lock(mutex_);
-    feedback_callback_.replace(cb);
+    feedback_callback_.replace(cb, retired);
 }
 
 void OrreryActuator::set_error_callback(ErrorCallback cb) noexcept {
+    std::shared_ptr<const ErrorCallback> retired;
     std::lock_guard<std::mutex> lock(mutex_);
-    error_callback_.replace(cb);
+    error_callback_.replace(cb, retired);
 }
 
 void OrreryActuator::set_low_freq_feedback_callback(LowFreqFeedbackCallback) {}

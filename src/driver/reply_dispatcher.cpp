@@ -67,12 +67,11 @@ void OrreryActuator::deliver_items(FeedbackMap items, int kind) {
         requested_items_ = std::move(items);
         return;
     }
-    std::shared_ptr<const FeedbackCallback> retired;  // destroyed after the lock is released
     std::shared_ptr<const FeedbackCallback> callback;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         for (const auto& [item, value] : items) feedback_[item] = value;
-        callback = feedback_callback_.current(retired);
+        callback = feedback_callback_.current();
     }
     // The host sees only the items of this buffer.
     if (callback) (*callback)(address_.load(), std::move(items));
