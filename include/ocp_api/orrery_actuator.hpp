@@ -12,6 +12,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "ocp_api/codec.hpp"
 #include "ocp_api/identifiers.hpp"
 #include "ocp_api/ocp.hpp"
 #include "ocp_api/orrery_actuator_virtual.hpp"
@@ -169,9 +170,10 @@ protected:
         std::shared_ptr<const Function> active_;
     };
 
-    void send_command(wire::Command command);
-    void send_byte(wire::Command command, uint8_t value);
-    void send_floats(wire::Command command, std::initializer_list<float> values);
+    template <class Command>
+    void send(const Command& command) {
+        send_ocp_common(command.encode());
+    }
     void ensure_mode(Mode mode);
     bool request_parameter_batch(const std::vector<OCP_Parameters>& ids, float timeout_s);
     void handle_ping_reply(uint16_t model_code, uint16_t firmware_word);

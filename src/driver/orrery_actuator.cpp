@@ -3,10 +3,15 @@
 #include "ocp_api/orrery_actuator.hpp"
 
 #include "common/timing.hpp"
+#include "ocp_api/identifier_tables.hpp"
 
 namespace ocp_api {
 
-const std::vector<std::string> OrreryActuator::MODELS_NAMES(MODEL_NAME_TABLE.begin(), MODEL_NAME_TABLE.end());
+const std::vector<std::string> OrreryActuator::MODELS_NAMES = [] {
+    std::vector<std::string> names;
+    for (const ModelInfo& model : tables::MODELS) names.emplace_back(model.name);
+    return names;
+}();
 
 OrreryActuator::OrreryActuator(OCP& transport, int address) : transport_(transport), address_(address) {
     feedback_.max_load_factor(1.0f);
@@ -27,7 +32,7 @@ OrreryActuator::~OrreryActuator() {
 
 bool OrreryActuator::send_ping(float timeout_s) {
     ping_answered_.store(false);
-    send_command(wire::Command::PING);
+    send(codec::Ping{});
     return detail::poll_until(timeout_s, detail::PING_POLL_PERIOD, [this] { return ping_answered_.load(); });
 }
 
@@ -36,9 +41,9 @@ bool OrreryActuator::connect(float timeout_s) {
     return connected_.load();
 }
 
-void OrreryActuator::start() { send_command(wire::Command::START); }
+void OrreryActuator::start() { send(codec::Start{}); }
 
-void OrreryActuator::stop() { send_command(wire::Command::STOP); }
+void OrreryActuator::stop() { send(codec::Stop{}); }
 
 void OrreryActuator::disconnect() {
     stop();
@@ -67,8 +72,6 @@ void OrreryActuator::set_low_freq_feedback_rate(int) {}
 void OrreryActuator::set_low_freq_feedback_rate(Rates) {}
 
 void OrreryActuator::send_ocp_common(const std::vector<uint8_t>& frame) { transport_.send(address_.load(), frame); }
-
-void OrreryActuator::send_command(wire::Command command) { send_ocp_common(wire::make_frame(command)); }
 
 int OrreryActuator::get_address() const { return address_.load(); }
 

@@ -506,21 +506,21 @@ TEST(Ocpctl, ListItemsAndParameters) {
     ASSERT_EQ(items.exit_status, 0) << items.err;
     const auto item_lines = lines_of(items.out);
     ASSERT_EQ(item_lines.size(), 1u + 48u);
-    EXPECT_EQ(item_lines[0], "CODE   NAME                 TYPE  MEANING");
-    EXPECT_EQ(item_lines[1], "0x41   POS_FB_41            f32   position feedback");
-    EXPECT_EQ(item_lines[2], "0x42   ITEM_42              u32   unsigned integer quantity");
-    EXPECT_EQ(item_lines[10], "0x4a   ITEM_4A              i32   signed integer quantity");
-    EXPECT_EQ(item_lines[48], "0x9a   ITEM_9A              f32   quantity not named");
-    EXPECT_NE(items.out.find("0x90   ERRORS_90            u32   error state word"), std::string::npos);
+    EXPECT_EQ(item_lines[0], "CODE   NAME                 TYPE  UNIT            MEANING");
+    EXPECT_EQ(item_lines[1], "0x41   POS_FB_41            f32   not documented  position feedback");
+    EXPECT_EQ(item_lines[2], "0x42   ITEM_42              u32   not documented  unsigned integer quantity");
+    EXPECT_EQ(item_lines[10], "0x4a   ITEM_4A              i32   not documented  signed integer quantity");
+    EXPECT_EQ(item_lines[48], "0x9a   ITEM_9A              f32   not documented  not documented");
+    EXPECT_NE(items.out.find("0x90   ERRORS_90            u32   none            error state word"), std::string::npos);
 
     const auto parameters = ocpctl({"list", "params"});
     ASSERT_EQ(parameters.exit_status, 0) << parameters.err;
     const auto parameter_lines = lines_of(parameters.out);
     ASSERT_EQ(parameter_lines.size(), 1u + 31u);
-    EXPECT_EQ(parameter_lines[1], "0x01   K_DAMP               f32   impedance damping gain");
-    EXPECT_EQ(parameter_lines[16].rfind("0x30   MODE                 mode  current control mode", 0), 0u);
-    EXPECT_EQ(parameter_lines[26], "0x80   DEVICE_80            u32   integer device setting");
-    EXPECT_EQ(parameter_lines[31], "0x85   CAN_HIGH_SPEED       f32   CAN high-speed flag (1 on, 0 off)");
+    EXPECT_EQ(parameter_lines[1], "0x01   K_DAMP               f32   not documented  impedance damping gain");
+    EXPECT_EQ(parameter_lines[16].rfind("0x30   MODE                 mode  none            current control mode", 0), 0u);
+    EXPECT_EQ(parameter_lines[26], "0x80   DEVICE_80            u32   not documented  integer device setting");
+    EXPECT_EQ(parameter_lines[31], "0x85   CAN_HIGH_SPEED       f32   none            CAN high-speed flag (1 on, 0 off)");
     for (const auto& line : parameter_lines) EXPECT_EQ(line.find("  \n"), std::string::npos);
 }
 
