@@ -98,6 +98,19 @@ TEST_F(OcpctlDump, ReadsStandardInput) {
     EXPECT_EQ(result.err, "ocpctl: standard input:8: not a candump -L line: no (seconds.microseconds) timestamp\n");
 }
 
+TEST(OcpctlDumpArguments, TimestampPastTheYear2262IsRefusedWithAReason) {
+    const fs::path log = fs::temp_directory_path() / ("ocpctl_dump_" + std::to_string(getpid()) + "_far_future.log");
+    std::ofstream(log) << "(9300000000.000000) vcan0 00D04021#0580030042080000\n"
+                          "(1700000000.000300) vcan0 00D04021#058003004208\n";
+    const auto result = ocpctl({"dump", "--log", log.string()});
+    fs::remove(log);
+    EXPECT_EQ(result.exit_status, 0);
+    EXPECT_EQ(result.out, "1700000000.000300 vcan0 0x21 to-host PING_REPLY model=HERON_A(3) firmware=1.1.2(0x0842)\n");
+    EXPECT_NE(result.err.find(":1: not a candump -L line: timestamp past the year 2262 (at most 9223368436 s)"),
+              std::string::npos)
+        << result.err;
+}
+
 TEST(OcpctlDumpArguments, MissingOrUnreadableLogIsAUsageError) {
     const auto missing = ocpctl({"dump", "--log", "/nonexistent/session.log"});
     EXPECT_EQ(missing.exit_status, 2);
