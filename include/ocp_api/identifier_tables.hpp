@@ -12,6 +12,7 @@
 #include <array>
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include "ocp_api/wire.hpp"
@@ -202,6 +203,13 @@ const ParameterInfo* find_parameter(std::string_view name);
 const ModeInfo* find_mode(uint8_t code);
 const ModeInfo* find_mode(std::string_view name);
 const ErrorBitInfo* find_error_bit(int bit);
+
+// Why `value` is not one a parameter can hold, or "" when it is: an integer
+// parameter takes whole numbers from 0 to 4294967295, MODE a named control
+// mode (truncated toward zero, as the device reads it), the presets a byte, ADDRESS a device address, CAN_HIGH_SPEED 0 or 1.
+// The protocol would carry any float; this is for tools that check what a
+// person typed before sending it.
+std::string parameter_value_problem(uint8_t code, float value);
 
 // The model name of a ping reply's model code: "" for code 0 and for codes
 // past the table.

@@ -5,6 +5,9 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cmath>
+
+#include "protocol/codes.hpp"
 
 namespace ocp_api {
 
@@ -66,6 +69,50 @@ const ErrorBitInfo* find_error_bit(int bit) {
         if (row.bit == bit) return &row;
     }
     return nullptr;
+}
+
+namespace {
+
+using Parameter = Codes::OCP_Parameters;
+
+bool is_whole(float value) { return std::isfinite(value) && value == std::trunc(value); }
+
+std::string modes_text() {
+    std::string text;
+    for (const ModeInfo& mode : tables::MODES)
+        text += (text.empty() ? "" : ", ") + std::to_string(mode.code) + " " + std::string(mode.name);
+    return text;
+}
+
+}  // namespace
+
+std::string parameter_value_problem(uint8_t code, float value) {
+    const ParameterInfo* parameter = find_parameter(code);
+    if (parameter == nullptr) return "no such parameter";
+    if (std::isnan(value)) return "not a number";
+    switch (code) {
+        case static_cast<uint8_t>(Parameter::MODE):
+            // The device truncates a mode toward zero, so 7.9 is taken as 7.
+            if (!(value >= 0.0f && value < 256.0f) || !find_mode(static_cast<uint8_t>(value)))
+                return "not a control mode (" + modes_text() + ")";
+            return "";
+        case static_cast<uint8_t>(Parameter::TORQUE_PERFORMANCE):
+        case static_cast<uint8_t>(Parameter::SPEED_PERFORMANCE):
+            if (!is_whole(value) || value < 0.0f || value > 255.0f) return "not a preset from 0 to 255";
+            return "";
+        case static_cast<uint8_t>(Parameter::ADDRESS):
+            if (!is_whole(value) || !wire::is_valid_device_address(static_cast<int>(value)))
+                return "not a device address from 0x10 to 0x3ffe";
+            return "";
+        case static_cast<uint8_t>(Parameter::CAN_HIGH_SPEED):
+            if (value != 0.0f && value != 1.0f) return "not 0 (off) or 1 (on)";
+            return "";
+        default: break;
+    }
+    if (parameter->type == wire::ValueType::U32 && (!is_whole(value) || value < 0.0f || !(value < 4294967296.0f)))
+        return "not a whole number from 0 to 4294967295";
+    if (std::isinf(value)) return "not finite";
+    return "";
 }
 
 std::string_view model_name_of(uint16_t model_code) {

@@ -7,12 +7,14 @@
 
 #include "ocp_api/identifier_tables.hpp"
 #include "ocp_api/number_format.hpp"
+#include "ocp_api/orrery_actuator.hpp"
 
 namespace {
 
 using namespace ocp_api;
 using namespace ocp_api::codec;
 using Bytes = std::vector<uint8_t>;
+using Parameter = OrreryActuator::OCP_Parameters;
 
 Bytes le_float(float value) {
     uint32_t word;
@@ -236,6 +238,27 @@ TEST(IdentifierTables, WireTypesUnitsAndMeanings) {
     EXPECT_EQ(find_error_bit(1), nullptr);
     EXPECT_EQ(model_name_of(5), "CAN_ADAPTER");
     EXPECT_EQ(model_name_of(0xFFFF), "");
+}
+
+TEST(IdentifierTables, ValuesAParameterCannotHold) {
+    const auto problem = [](Parameter parameter, float value) {
+        return parameter_value_problem(static_cast<uint8_t>(parameter), value);
+    };
+    EXPECT_EQ(problem(Parameter::MODE, 7.0f), "");
+    EXPECT_EQ(problem(Parameter::MODE, 7.9f), "") << "the device truncates a mode";
+    EXPECT_EQ(problem(Parameter::MODE, 3.0f), "not a control mode (5 TORQUE, 6 SPEED, 7 POSITION, 8 IMPEDANCE)");
+    EXPECT_NE(problem(Parameter::MODE, -1e9f), "");
+    EXPECT_EQ(problem(Parameter::CAN_HIGH_SPEED, 1.0f), "");
+    EXPECT_EQ(problem(Parameter::CAN_HIGH_SPEED, 5.0f), "not 0 (off) or 1 (on)");
+    EXPECT_EQ(problem(Parameter::DEVICE_80, 20000.0f), "");
+    EXPECT_EQ(problem(Parameter::DEVICE_80, -1.0f), "not a whole number from 0 to 4294967295");
+    EXPECT_EQ(problem(Parameter::DEVICE_84, 4294967296.0f), "not a whole number from 0 to 4294967295");
+    EXPECT_EQ(problem(Parameter::ADDRESS, 0x0F), "not a device address from 0x10 to 0x3ffe");
+    EXPECT_EQ(problem(Parameter::TORQUE_PERFORMANCE, 256.0f), "not a preset from 0 to 255");
+    EXPECT_EQ(problem(Parameter::LIMIT_TORQUE, -2.5f), "");
+    EXPECT_EQ(problem(Parameter::LIMIT_TORQUE, INFINITY), "not finite");
+    EXPECT_EQ(problem(Parameter::K_DAMP, std::nanf("")), "not a number");
+    EXPECT_EQ(parameter_value_problem(0x00, 1.0f), "no such parameter");
 }
 
 TEST(NumberFormat, OneRuleForEveryTool) {

@@ -1,6 +1,8 @@
 // ocpctl run as a process on the simulated bus, as a user runs it.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <csignal>
 #include <filesystem>
 #include <algorithm>
@@ -216,6 +218,18 @@ TEST(Ocpctl, ParamsLoadChecksTheWholeFileFirst) {
          "ocpctl: " + name + " is for the device at 0x22, not 0x21 (ocpctl address moves a device)\n"},
         {R"({"values": {}})", "ocpctl: " + name + " has no \"parameters\" (write one with ocpctl params dump)\n"},
         {R"({"parameters": [)", "ocpctl: " + name + " is not JSON: "},
+        {R"({"parameters":{"LIMIT_TORQUE":1,"LIMIT_TORQUE":3}})",
+         "ocpctl: " + name + " gives the key \"LIMIT_TORQUE\" twice\n"},
+        {R"({"parameters": {"MODE": -1000000000}})",
+         "ocpctl: " + name + ": MODE = -1000000000 is not a control mode (5 TORQUE, 6 SPEED, 7 POSITION, "
+                             "8 IMPEDANCE) (--force sends it anyway)\n"},
+        {R"({"parameters": {"MODE": 3}})", "ocpctl: " + name + ": MODE = 3 is not a control mode ("},
+        {R"({"parameters": {"CAN_HIGH_SPEED": 5}})",
+         "ocpctl: " + name + ": CAN_HIGH_SPEED = 5 is not 0 (off) or 1 (on) (--force sends it anyway)\n"},
+        {R"({"parameters": {"DEVICE_80": 1.5}})",
+         "ocpctl: " + name + ": DEVICE_80 = 1.5 is not a whole number from 0 to 4294967295 (--force sends it anyway)\n"},
+        {R"({"parameters": {"LIMIT_SPEED_MIN": 5, "LIMIT_SPEED_MAX": 1}})",
+         "ocpctl: " + name + ": LIMIT_SPEED_MIN = 5 is above LIMIT_SPEED_MAX = 1 (--force sends it anyway)\n"},
     };
     for (const auto& [text, message] : cases) {
         std::ofstream(file) << text;
@@ -231,6 +245,64 @@ TEST(Ocpctl, ParamsLoadChecksTheWholeFileFirst) {
     const auto missing = ocpctl({"params", "load", "0x21", name});
     EXPECT_EQ(missing.exit_status, 2);
     EXPECT_EQ(missing.err, "ocpctl: cannot read " + name + ": No such file or directory\n");
+}
+
+TEST(Ocpctl, ParamsLoadRefusesWhatIsNoParametersFile) {
+    const fs::path directory = scratch_path("directory");
+    fs::create_directory(directory);
+    const auto from_directory = ocpctl({"params", "load", "0x21", directory.string()});
+    EXPECT_EQ(from_directory.exit_status, 2);
+    EXPECT_EQ(from_directory.err, "ocpctl: " + directory.string() + " is a directory, not a parameters file\n");
+    fs::remove(directory);
+
+    // A FIFO with no writer: refused at once, never opened (which would wait).
+    const fs::path fifo = scratch_path("fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const auto from_fifo = ocpctl({"params", "load", "0x21", fifo.string()});
+    EXPECT_EQ(from_fifo.exit_status, 2);
+    EXPECT_EQ(from_fifo.err,
+              "ocpctl: " + fifo.string() + " is not a regular file (write one with ocpctl params dump)\n");
+    fs::remove(fifo);
+
+    const fs::path large = scratch_path("large.json");
+    {
+        std::ofstream file(large);
+        file << R"({"parameters": {"LIMIT_TORQUE": 1}})" << std::string((1 << 20), ' ');
+    }
+    const auto from_large = ocpctl({"params", "load", "0x21", large.string()});
+    EXPECT_EQ(from_large.exit_status, 2);
+    EXPECT_EQ(from_large.err, "ocpctl: " + large.string() + " is 1048611 bytes; a parameters file is at most 1048576 bytes\n");
+    EXPECT_EQ(from_large.out, "");
+    fs::remove(large);
+}
+
+TEST(Ocpctl, ParamsLoadTakesAModeByNameAndForcedValues) {
+    const fs::path file = scratch_path("mode_name.json");
+    std::ofstream(file) << R"({"parameters": {"MODE": "position", "LIMIT_TORQUE": 3}})";
+    const auto by_name = ocpctl({"params", "load", "0x21", file.string()});
+    EXPECT_EQ(by_name.exit_status, 0) << by_name.err;
+    EXPECT_EQ(by_name.out, "0x21: 2 parameters loaded and read back equal (not saved: ocpctl save or --save keeps them)\n");
+    std::ofstream(file) << R"({"parameters": {"LIMIT_SPEED_MIN": 5, "LIMIT_SPEED_MAX": 1}})";
+    const auto forced = ocpctl({"params", "load", "0x21", file.string(), "--force"});
+    EXPECT_EQ(forced.exit_status, 0) << forced.err;
+    fs::remove(file);
+}
+
+TEST(Ocpctl, ParamsSetRefusesValuesAParameterCannotHoldUnlessForced) {
+    const auto mode = ocpctl({"params", "set", "0x21", "MODE=3"});
+    EXPECT_EQ(mode.exit_status, 2);
+    EXPECT_EQ(mode.out, "");
+    EXPECT_EQ(mode.err, "ocpctl: MODE = 3 is not a control mode (5 TORQUE, 6 SPEED, 7 POSITION, 8 IMPEDANCE) "
+                        "(--force sends it anyway)\n");
+    const auto speed = ocpctl({"params", "set", "0x21", "CAN_HIGH_SPEED=5"});
+    EXPECT_EQ(speed.exit_status, 2);
+    EXPECT_EQ(speed.err, "ocpctl: CAN_HIGH_SPEED = 5 is not 0 (off) or 1 (on) (--force sends it anyway)\n");
+    const auto by_name = ocpctl({"params", "set", "0x21", "mode=position"});
+    EXPECT_EQ(by_name.exit_status, 0) << by_name.err;
+    EXPECT_EQ(by_name.out, "MODE                   7 (POSITION)\n");
+    const auto forced = ocpctl({"params", "set", "0x21", "MODE=3", "--force"});
+    EXPECT_EQ(forced.exit_status, 0) << forced.err;
+    EXPECT_EQ(forced.out, "MODE                   3\n");
 }
 
 TEST(Ocpctl, ParamsSetPrintsWhatTheDeviceHolds) {
