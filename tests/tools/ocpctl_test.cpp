@@ -573,6 +573,28 @@ TEST(Ocpctl, CtrlCEndsTheWaitForASilentDevice) {
     std::printf("exited %lld ms after SIGINT\n", static_cast<long long>(result.exit_delay.count()));
 }
 
+TEST(Ocpctl, SimulateWritesRowsAsItGoesAndRefusesAnOversizedPlot) {
+    // A billion simulated seconds: the first rows arrive at once, and closing
+    // the pipe ends the run instead of memory filling with rows not yet written.
+    ocp_test::ProcessEvents events;
+    events.close_stdout_after_lines = 3;
+    events.limit = std::chrono::seconds(60);
+    const auto streamed = run_process({OCPCTL_PATH, "simulate", "--mode", "position", "--setpoint", "1", "--duration",
+                                       "1e9"},
+                                      events);
+    EXPECT_EQ(streamed.out.rfind("time_s,POS_FB_4C,SPD_FB_45,T_FB_56\n0.000000,0,0,0\n", 0), 0u) << streamed.out;
+    EXPECT_NE(streamed.exit_status, -1);
+    EXPECT_GE(streamed.exit_delay.count(), 0);
+
+    const fs::path plot = scratch_path("huge.png");
+    const auto refused = ocpctl({"simulate", "--mode", "position", "--setpoint", "1", "--duration", "1e9", "--plot",
+                                 plot.string()});
+    EXPECT_EQ(refused.exit_status, 2);
+    EXPECT_EQ(refused.err, "ocpctl: --plot draws at most 1000000 samples, not 1000000000000 (a shorter --duration or "
+                           "a lower --rate)\n");
+    EXPECT_FALSE(fs::exists(plot));
+}
+
 TEST(Ocpctl, ListItemsAndParameters) {
     const auto items = ocpctl({"list", "items"});
     ASSERT_EQ(items.exit_status, 0) << items.err;
