@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -109,6 +110,39 @@ TEST(OcpctlDumpArguments, TimestampPastTheYear2262IsRefusedWithAReason) {
     EXPECT_NE(result.err.find(":1: not a candump -L line: timestamp past the year 2262 (at most 9223368436 s)"),
               std::string::npos)
         << result.err;
+}
+
+TEST(OcpctlDumpArguments, InterfaceNamesAreShownSafelyAndTheirNumberIsBounded) {
+    const fs::path log = fs::temp_directory_path() / ("ocpctl_dump_" + std::to_string(getpid()) + "_names.log");
+    {
+        std::ofstream file(log);
+        file << "(1700000000.000100) v\x1b[2Jcan0 00D00021#0140\n"
+                "(1700000000.000200) v\xff\xfe 00D00021#0140\n";
+        for (int i = 0; i < 300; ++i) file << "(1700000000.001000) can" << i << " 00D00021#0140\n";
+    }
+    const auto text = ocpctl({"dump", "--log", log.string()});
+    EXPECT_EQ(text.exit_status, 0);
+    std::istringstream lines(text.out);
+    std::string first, second;
+    std::getline(lines, first);
+    std::getline(lines, second);
+    EXPECT_EQ(first, "1700000000.000100 v\\x1b[2Jcan0 0x21 to-device PING");
+    EXPECT_EQ(second, "1700000000.000200 v\\xff\\xfe 0x21 to-device PING");
+    EXPECT_EQ(std::count(text.out.begin(), text.out.end(), '\n'), 256);
+    EXPECT_EQ(text.err, "ocpctl: " + log.string() + ": 46 frames on interfaces after the first 256 were not decoded\n");
+
+    const auto json = ocpctl({"dump", "--log", log.string(), "--json"});
+    fs::remove(log);
+    EXPECT_EQ(json.exit_status, 0);
+    std::istringstream json_lines(json.out);
+    std::size_t objects = 0;
+    for (std::string line; std::getline(json_lines, line); ++objects) {
+        const auto object = nlohmann::json::parse(line);  // every line is valid JSON (and UTF-8)
+        if (objects == 1) {
+            EXPECT_EQ(object["interface"], "v\\xff\\xfe");
+        }
+    }
+    EXPECT_EQ(objects, 256u);
 }
 
 TEST(OcpctlDumpArguments, MissingOrUnreadableLogIsAUsageError) {
