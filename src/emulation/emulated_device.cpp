@@ -7,6 +7,7 @@
 
 #include "common/numeric.hpp"
 #include "ocp_api/codec.hpp"
+#include "ocp_api/identifier_tables.hpp"
 #include "emulation/adapter.hpp"
 
 namespace ocp_api::detail {
@@ -19,10 +20,7 @@ using wire::Command;
 // A device clearing its configuration resets and stays silent this long.
 constexpr int64_t RESET_SILENCE_STEPS = 500;  // 50 ms of simulated time
 
-bool is_known_parameter(uint8_t code) {
-    return std::any_of(OrreryActuatorVirtual::ALL_PARAMETERS.begin(), OrreryActuatorVirtual::ALL_PARAMETERS.end(),
-                       [code](P p) { return static_cast<uint8_t>(p) == code; });
-}
+bool is_known_parameter(uint8_t code) { return find_parameter(code) != nullptr; }
 
 // A command as the device reads it: what is cut short is ignored, as are
 // setpoints of the wrong length.
