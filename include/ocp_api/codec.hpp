@@ -150,17 +150,26 @@ struct SetFeedbackRate {
 
 // Item codes in the caller's order, any count, duplicates kept. Decoding
 // keeps every byte; a code that is no item is named in `problem`.
+// Encodes a list of item codes, or of either class's OCP_Items, straight
+// into a frame, without a copy of the list first.
+template <class List>
+Frame encode_item_list(Command command, const List& items) {
+    Frame frame = wire::make_frame(command, items.size());
+    for (const auto item : items) wire::append_u8(frame, static_cast<uint8_t>(item));
+    return frame;
+}
+
 struct SetFeedbackItems {
     static constexpr Command CODE = Command::SET_FEEDBACK_ITEMS;
     std::vector<uint8_t> items;
-    Frame encode() const;
+    Frame encode() const { return encode_item_list(CODE, items); }
     static Decoded<SetFeedbackItems> decode(ByteView frame);
 };
 
 struct GetItems {
     static constexpr Command CODE = Command::GET_ITEMS;
     std::vector<uint8_t> items;
-    Frame encode() const;
+    Frame encode() const { return encode_item_list(CODE, items); }
     static Decoded<GetItems> decode(ByteView frame);
 };
 

@@ -194,11 +194,37 @@ inline constexpr std::array<ModelInfo, 11> MODELS = {{
 
 }  // namespace tables
 
+namespace tables::detail {
+
+inline constexpr uint8_t NOT_LISTED = 0xFF;
+
+// Row number of every code in `table`, NOT_LISTED where it has none: the
+// reply walk looks up every record's code, so this is an index, not a search.
+template <class Info, std::size_t N>
+constexpr std::array<uint8_t, 256> index_by_code(const std::array<Info, N>& table) {
+    static_assert(N < NOT_LISTED);
+    std::array<uint8_t, 256> index{};
+    for (auto& row : index) row = NOT_LISTED;
+    for (std::size_t i = 0; i < N; ++i) index[table[i].code] = static_cast<uint8_t>(i);
+    return index;
+}
+
+inline constexpr auto ITEM_ROWS = index_by_code(ITEMS);
+inline constexpr auto PARAMETER_ROWS = index_by_code(PARAMETERS);
+
+}  // namespace tables::detail
+
 // Look-ups; nullptr for a code or name that is not in the table. Names match
 // without regard to case.
-const ItemInfo* find_item(uint8_t code);
+inline const ItemInfo* find_item(uint8_t code) {
+    const uint8_t row = tables::detail::ITEM_ROWS[code];
+    return row == tables::detail::NOT_LISTED ? nullptr : &tables::ITEMS[row];
+}
 const ItemInfo* find_item(std::string_view name);
-const ParameterInfo* find_parameter(uint8_t code);
+inline const ParameterInfo* find_parameter(uint8_t code) {
+    const uint8_t row = tables::detail::PARAMETER_ROWS[code];
+    return row == tables::detail::NOT_LISTED ? nullptr : &tables::PARAMETERS[row];
+}
 const ParameterInfo* find_parameter(std::string_view name);
 const ModeInfo* find_mode(uint8_t code);
 const ModeInfo* find_mode(std::string_view name);

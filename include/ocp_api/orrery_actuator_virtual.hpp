@@ -180,6 +180,9 @@ private:
     // Nodes of the snapshot map between taking them out and putting them back
     // in a refresh; empty outside update_feedback_snapshot.
     std::vector<FeedbackMap::node_type> spare_snapshot_nodes;
+    // True when the snapshot map is as a refill with the present items leaves
+    // it: the last refill had these items and did not rehash.
+    bool snapshot_is_a_refill = false;
 };
 
 }  // namespace ocp_api

@@ -6,19 +6,8 @@
 
 namespace ocp_api {
 
-namespace {
-
-std::vector<uint8_t> codes_of(const std::vector<OrreryActuator::OCP_Items>& items) {
-    std::vector<uint8_t> codes;
-    codes.reserve(items.size());
-    for (const auto item : items) codes.push_back(code_of(item));
-    return codes;
-}
-
-}  // namespace
-
 void OrreryActuator::setFeedbackItems(const std::vector<OCP_Items>& items) {
-    send(codec::SetFeedbackItems{codes_of(items)});
+    send_ocp_common(codec::encode_item_list(codec::SetFeedbackItems::CODE, items));
     std::lock_guard<std::mutex> lock(mutex_);
     feedback_.clear();
 }
@@ -43,7 +32,7 @@ OrreryActuator::FeedbackMap OrreryActuator::get_feedback() const {
 }
 
 OrreryActuator::FeedbackMap OrreryActuator::getItemsBlocking(const std::vector<OCP_Items>& items, float timeout_s) {
-    const wire::Frame frame = codec::GetItems{codes_of(items)}.encode();
+    const wire::Frame frame = codec::encode_item_list(codec::GetItems::CODE, items);
     {
         std::lock_guard<std::mutex> lock(mutex_);
         requested_items_.clear();

@@ -10,17 +10,19 @@
 namespace ocp_api {
 
 void OrreryActuator::set_parameters(const ParameterMap& values) {
-    // Nine entries to a frame, in the map's iteration order.
-    codec::SetParameters command;
-    command.entries.reserve(std::min(values.size(), wire::MAX_PARAMETERS_PER_FRAME));
+    // Nine entries to a frame, in the map's iteration order; the entries are
+    // encoded as they come, so a frame costs one allocation.
+    const std::size_t full_frame_payload = wire::MAX_PARAMETERS_PER_FRAME * wire::RECORD_SIZE;
+    wire::Frame frame = wire::make_frame(codec::SetParameters::CODE, full_frame_payload);
+    std::size_t entries = 0;
     for (const auto& [id, value] : values) {
-        command.entries.push_back({code_of(id), value});
-        if (command.entries.size() == wire::MAX_PARAMETERS_PER_FRAME) {
-            send(command);
-            command.entries.clear();
+        codec::ParameterSetting{code_of(id), value}.encode_into(frame);
+        if (++entries % wire::MAX_PARAMETERS_PER_FRAME == 0) {
+            send_ocp_common(frame);
+            frame = wire::make_frame(codec::SetParameters::CODE, full_frame_payload);
         }
     }
-    if (!command.entries.empty()) send(command);
+    if (entries % wire::MAX_PARAMETERS_PER_FRAME != 0) send_ocp_common(frame);
 }
 
 bool OrreryActuator::request_parameter_batch(const std::vector<OCP_Parameters>& ids, float timeout_s) {

@@ -281,9 +281,7 @@ Decoded<SetFeedbackRate> SetFeedbackRate::decode(ByteView frame) {
     return decoded;
 }
 
-Frame SetFeedbackItems::encode() const { return encode_codes(CODE, items); }
 Decoded<SetFeedbackItems> SetFeedbackItems::decode(ByteView frame) { return decode_item_list<SetFeedbackItems>(frame); }
-Frame GetItems::encode() const { return encode_codes(CODE, items); }
 Decoded<GetItems> GetItems::decode(ByteView frame) { return decode_item_list<GetItems>(frame); }
 
 void ParameterSetting::encode_into(Frame& frame) const {

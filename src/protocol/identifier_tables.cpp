@@ -1,6 +1,5 @@
-// Look-ups into the identifier tables. Codes are found through an index built
-// at compile time (the reply dispatcher asks for every record it reads);
-// names by a walk of the table, which only tools and bindings do.
+// Look-ups into the identifier tables by name (codes are found through the
+// index in the header), a walk of the table, which only tools and bindings do.
 #include "ocp_api/identifier_tables.hpp"
 
 #include <algorithm>
@@ -12,27 +11,6 @@
 namespace ocp_api {
 
 namespace {
-
-constexpr uint8_t NOT_LISTED = 0xFF;
-
-// Row number of every code in `table`, NOT_LISTED where it has none.
-template <class Info, std::size_t N>
-constexpr std::array<uint8_t, 256> index_by_code(const std::array<Info, N>& table) {
-    static_assert(N < NOT_LISTED);
-    std::array<uint8_t, 256> index{};
-    for (auto& row : index) row = NOT_LISTED;
-    for (std::size_t i = 0; i < N; ++i) index[table[i].code] = static_cast<uint8_t>(i);
-    return index;
-}
-
-constexpr auto ITEM_INDEX = index_by_code(tables::ITEMS);
-constexpr auto PARAMETER_INDEX = index_by_code(tables::PARAMETERS);
-
-template <class Info, std::size_t N>
-const Info* row_of(const std::array<Info, N>& table, const std::array<uint8_t, 256>& index, uint8_t code) {
-    const uint8_t row = index[code];
-    return row == NOT_LISTED ? nullptr : &table[row];
-}
 
 bool equal_ignoring_case(std::string_view a, std::string_view b) {
     return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
@@ -50,9 +28,7 @@ const Info* named(const std::array<Info, N>& table, std::string_view name) {
 
 }  // namespace
 
-const ItemInfo* find_item(uint8_t code) { return row_of(tables::ITEMS, ITEM_INDEX, code); }
 const ItemInfo* find_item(std::string_view name) { return named(tables::ITEMS, name); }
-const ParameterInfo* find_parameter(uint8_t code) { return row_of(tables::PARAMETERS, PARAMETER_INDEX, code); }
 const ParameterInfo* find_parameter(std::string_view name) { return named(tables::PARAMETERS, name); }
 
 const ModeInfo* find_mode(uint8_t code) {

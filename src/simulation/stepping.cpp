@@ -167,8 +167,16 @@ void OrreryActuatorVirtual::update_feedback_snapshot() {
     // Cleared and refilled in item order, so the map iterates exactly as a
     // freshly refilled one would (rehashes during the first fill after a
     // change of items leave another order than a refill of the grown table).
+    // Once a refill has left the map as a refill of it would (no rehash on the
+    // way, the same items), refilling again gives the same map, so the values
+    // are written in place.
+    if (snapshot_is_a_refill) {
+        for (const OCP_Items item : feedback_items) feedback.find(item)->second = item_value(item);
+        return;
+    }
     // The nodes are taken out and put back rather than freed and allocated
-    // again: a step allocates nothing once the items have settled.
+    // again: a refill allocates nothing once the items have settled.
+    const std::size_t buckets_before = feedback.bucket_count();
     spare_snapshot_nodes.reserve(feedback_items.size());
     while (!feedback.empty()) spare_snapshot_nodes.push_back(feedback.extract(feedback.begin()));
     feedback.clear();
@@ -190,6 +198,7 @@ void OrreryActuatorVirtual::update_feedback_snapshot() {
     }
     // Nodes of items no longer listed are released.
     spare_snapshot_nodes.clear();
+    snapshot_is_a_refill = feedback.bucket_count() == buckets_before;
 }
 
 OrreryActuatorVirtual::FeedbackMap OrreryActuatorVirtual::get_feedback() const { return feedback; }
@@ -208,6 +217,7 @@ OrreryActuatorVirtual::FeedbackMap OrreryActuatorVirtual::get_items_blocking(con
 
 void OrreryActuatorVirtual::set_feedback_items(const std::vector<OCP_Items>& items) {
     feedback_items = items;
+    snapshot_is_a_refill = false;
     update_feedback_snapshot();
 }
 
