@@ -1,6 +1,7 @@
 // Cost of building and sending commands, and of dispatching streamed replies.
 #include <benchmark/benchmark.h>
 
+#include <ocp_api/codec.hpp>
 #include <ocp_api/orrery_actuator.hpp>
 
 namespace {
@@ -97,7 +98,7 @@ void BM_DispatchStreamedReply10Items(benchmark::State& state) {
     const Items items[] = {Items::POS_FB_41, Items::SPD_FB_45, Items::T_FB_49,     Items::POS_FB_4C,
                            Items::T_FB_56,   Items::VBUS_70,   Items::TEMP_AUX_71, Items::TEMP_WINDING_72,
                            Items::ERRORS_90, Items::ITEM_4A};
-    for (const Items item : items) ocp_api::wire::append_item_record(reply, ocp_api::code_of(item), 1.0f);
+    for (const Items item : items) ocp_api::codec::ItemRecord::of(ocp_api::code_of(item), 1.0f).encode_into(reply);
     for (auto _ : state) transport.callback(0x21, reply, 0);
     benchmark::DoNotOptimize(sink);
     state.SetItemsProcessed(state.iterations());

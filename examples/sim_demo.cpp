@@ -10,13 +10,14 @@
 #include <ocp_api/orrery_actuator.hpp>
 #include <ocp_api/sim_bus.hpp>
 
-#include "number_format.hpp"
+#include <ocp_api/number_format.hpp>
 #include "sim_demo.hpp"
 
 namespace {
 
 using namespace std::chrono_literals;
 using ocp_api::OrreryActuator;
+using ocp_api::format_number;
 using Items = OrreryActuator::OCP_Items;
 
 void heading(const char* text) { std::printf("\n== %s\n", text); }

@@ -29,6 +29,7 @@
 #include <thread>
 #include <vector>
 
+#include <ocp_api/codec.hpp>
 #include "ocp_api/can_mapping.hpp"
 #include "ocp_api/can_node.hpp"
 #include "ocp_api/orrery_actuator.hpp"
@@ -134,7 +135,7 @@ Percentiles transport_round_trip(const std::string& interface) {
 // The frames of one streamed feedback reply, as a device segments it.
 std::vector<CanFrame> feedback_reply_frames() {
     std::vector<uint8_t> reply;
-    wire::append_item_record(reply, static_cast<uint8_t>(OrreryActuator::OCP_Items::POS_FB_4C), 1.5f);
+    ocp_api::codec::ItemRecord::of(static_cast<uint8_t>(OrreryActuator::OCP_Items::POS_FB_4C), 1.5f).encode_into(reply);
     can::Node device(can::Role::device, {});
     std::vector<CanFrame> frames;
     device.queue(kDevice, 0, reply, can::IsoTpClock::now(), frames);

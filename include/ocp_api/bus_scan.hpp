@@ -35,7 +35,7 @@ namespace ocp_api {
 struct FoundDevice {
     int address = 0;
     uint16_t model_code = 0;
-    std::string model;      // entry of MODEL_NAME_TABLE; "" for an unknown code
+    std::string model;      // the model table's name; "" for an unknown code
     uint16_t firmware_word = 0;
     std::string firmware;   // "major.minor.patch"
 };

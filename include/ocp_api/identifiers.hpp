@@ -230,15 +230,10 @@ constexpr To identifier_cast(From identifier) {
     return static_cast<To>(code_of(identifier));
 }
 
-// Model codes reported in a ping reply; the index into the model-name table.
+// Model codes reported in a ping reply; the index into the model table
+// (identifier_tables.hpp).
 inline constexpr uint16_t MODEL_CODE_UNKNOWN = 0;
 inline constexpr uint16_t MODEL_CODE_CAN_ADAPTER = 5;
-
-// The model-name table indexed by model code ("" for code 0 and unknown codes).
-inline constexpr std::array<const char*, 11> MODEL_NAME_TABLE = {
-    "",        "KESTREL_A", "KESTREL_B", "HERON_A",   "HERON_B",  "CAN_ADAPTER",
-    "HERON_C", "HERON_D",   "HERON_E",   "KESTREL_C", "KESTREL_D",
-};
 
 // Enumerator names as text, for tools, logs and bindings, by wire code.
 // Lookups by name are case-insensitive; unknown codes give "" and unknown names

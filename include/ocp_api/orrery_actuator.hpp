@@ -12,6 +12,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "ocp_api/codec.hpp"
 #include "ocp_api/identifiers.hpp"
 #include "ocp_api/ocp.hpp"
 #include "ocp_api/orrery_actuator_virtual.hpp"
@@ -137,24 +138,25 @@ public:
 
 protected:
     // A host callback that the setter replaces without allocating and the
-    // receive thread calls outside the lock. The setter only swaps the function
-    // into a pending slot; the next caller wraps it in a shared pointer, so a
-    // callback replaced while it runs stays alive until it returns. Every
-    // member function is called with the actuator's mutex held.
+    // receive thread calls outside the lock. The setter swaps the function
+    // into a pending slot and takes the active one out, so the function it
+    // replaces dies at once in the setter, after the lock is released; only
+    // a call running at that moment on the receive thread keeps its own
+    // reference until it returns. The next caller wraps the pending function
+    // in a shared pointer. Every member function is called with the
+    // actuator's mutex held.
     template <class Function>
     class CallbackSlot {
     public:
-        // Leaves the previous pending function in `function`, for the caller
-        // to destroy after releasing the lock.
-        void replace(Function& function) noexcept {
+        // Leaves the previous pending function in `function` and the active
+        // one in `retired`, for the caller to destroy after releasing the lock.
+        void replace(Function& function, std::shared_ptr<const Function>& retired) noexcept {
             pending_.swap(function);
+            retired = std::move(active_);
             changed_ = true;
         }
-        // Hands the function it replaces to `retired`, so that the caller
-        // destroys it after releasing the lock, never under it.
-        std::shared_ptr<const Function> current(std::shared_ptr<const Function>& retired) {
+        std::shared_ptr<const Function> current() {
             if (changed_) {
-                retired = std::move(active_);
                 active_ = pending_ ? std::make_shared<const Function>(std::move(pending_)) : nullptr;
                 pending_ = nullptr;
                 changed_ = false;
@@ -168,9 +170,10 @@ protected:
         std::shared_ptr<const Function> active_;
     };
 
-    void send_command(wire::Command command);
-    void send_byte(wire::Command command, uint8_t value);
-    void send_floats(wire::Command command, std::initializer_list<float> values);
+    template <class Command>
+    void send(const Command& command) {
+        send_ocp_common(command.encode());
+    }
     void ensure_mode(Mode mode);
     bool request_parameter_batch(const std::vector<OCP_Parameters>& ids, float timeout_s);
     void handle_ping_reply(uint16_t model_code, uint16_t firmware_word);

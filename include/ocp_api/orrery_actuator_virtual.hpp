@@ -177,9 +177,12 @@ private:
     std::unordered_map<std::string, bool> limit_flags;
     FeedbackCallback feedback_callback;
     ErrorCallback error_callback;
-    // Set when the feedback items change: the next snapshot rebuilds the map
-    // instead of overwriting its values in place.
-    bool snapshot_keys_stale = true;
+    // Nodes of the snapshot map between taking them out and putting them back
+    // in a refresh; empty outside update_feedback_snapshot.
+    std::vector<FeedbackMap::node_type> spare_snapshot_nodes;
+    // True when the snapshot map is as a refill with the present items leaves
+    // it: the last refill had these items and did not rehash.
+    bool snapshot_is_a_refill = false;
 };
 
 }  // namespace ocp_api

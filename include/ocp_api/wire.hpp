@@ -1,7 +1,8 @@
-// The wire format: command codes, reply record codes, record layouts and the
-// helpers that encode and decode them. This is the only place where a code,
-// a record length or a wire type is written down; the actuator driver and the
-// emulated devices both build and read their bytes through it.
+// The wire format's primitives: command codes, reply record codes, record
+// layouts and the reading and writing of little-endian values. The typed
+// codec (codec.hpp) builds every command and record from these, and the
+// identifier tables (identifier_tables.hpp) give each item and parameter its
+// wire type; nothing else writes or reads protocol bytes.
 //
 // All multi-byte values are little-endian; floats are IEEE 754 single precision.
 #pragma once
@@ -58,9 +59,7 @@ enum class CommandClass : uint8_t {
     setpoint,  // the setpoint commands: latest wins, dropped when too old, cancelled by a STOP
     safety,    // STOP: ahead of everything queued for its address
 };
-
-// The class of the command whose code is the first byte of `frame`.
-CommandClass command_class(uint8_t code);
+// (codec::command_class gives a command's class, from the command table.)
 
 // First byte of a record in a reply buffer (device to host). Item records use
 // the feedback item code itself as their record code.
@@ -87,16 +86,6 @@ inline constexpr std::size_t MAX_PARAMETERS_PER_FRAME = 9;
 // The feedback period on the wire counts units of 100 us.
 inline constexpr int PERIOD_UNITS_PER_SECOND = 10000;
 inline constexpr int MAX_FEEDBACK_RATE_HZ = 10000;
-
-// Number of float arguments that follow the code byte of each setpoint command.
-inline constexpr std::size_t SETPOINT_FLOATS = 1;
-inline constexpr std::size_t SETPOINT_EXT_FLOATS = 3;
-inline constexpr std::size_t TORQUE_SETPOINT_FLOATS = 5;
-inline constexpr std::size_t SPEED_SETPOINT_FLOATS = 5;
-inline constexpr std::size_t POSITION_SETPOINT_FLOATS = 6;
-inline constexpr std::size_t IMPEDANCE_SETPOINT_FLOATS = 8;
-inline constexpr std::size_t SPEED_SETPOINT_INTERNAL_FLOATS = 4;
-inline constexpr std::size_t POSITION_SETPOINT_INTERNAL_FLOATS = 9;
 
 // How the 4 value bytes of an item or parameter record are to be read.
 enum class ValueType : uint8_t {
@@ -126,60 +115,26 @@ uint32_t bits_from_float(float value);
 
 // --- items ------------------------------------------------------------------
 
+// From the identifier tables: whether a code is a feedback item, and the wire
+// type of an item's or a parameter's value (F32 for codes not listed).
 bool is_item_code(uint8_t code);
 ValueType item_value_type(uint8_t code);
 // Host side: the float that a 4-byte item value stands for.
 float decode_item_value(uint8_t code, uint32_t word);
 // Device side: the 4-byte word that carries `value` for this item.
 uint32_t encode_item_value(uint8_t code, float value);
-// Device side: appends a whole 5-byte item record.
-void append_item_record(Frame& frame, uint8_t item_code, float value);
 
 // --- parameters -------------------------------------------------------------
 
 ValueType parameter_value_type(uint8_t code);
 float decode_parameter_value(uint8_t code, uint32_t word);
 uint32_t encode_parameter_value(uint8_t code, float value);
-// Host side: identifier byte and the float's 4 bytes, whatever the parameter's
-// receive type (the device reads integer parameters from the float it gets).
-void append_parameter_record(Frame& frame, uint8_t parameter_code, float value);
-// Device side: identifier byte and the value in the parameter's wire type.
-void append_typed_parameter_record(Frame& frame, uint8_t parameter_code, float value);
 
-// --- rates, versions, errors -----------------------------------------------
-
-// Feedback period in 100 us units for a rate in Hz: rounded integer division,
-// 0 for 0 Hz. `hz` must be in 0..MAX_FEEDBACK_RATE_HZ.
-uint32_t feedback_period_from_hz(int hz);
+// --- versions ---------------------------------------------------------------
 
 // Firmware version word: bits 15..11 major, 10..6 minor, 5..0 patch.
 uint16_t firmware_word(unsigned major, unsigned minor, unsigned patch);
 std::string firmware_version_text(uint16_t word);
-
-// Error bits that the device reports and their descriptions; bits >= 16 are
-// severe (the default reaction stops the actuator).
-struct ErrorBit {
-    int bit;
-    const char* description;
-};
-inline constexpr int FIRST_SEVERE_ERROR_BIT = 16;
-inline constexpr ErrorBit ERROR_BITS[] = {
-    {0, "Overtemperature"},
-    {2, "Position reference maximum"},
-    {3, "Position reference minimum"},
-    {4, "Speed feedback maximum"},
-    {5, "VBUS out of range"},
-    {6, "Torque reference maximum"},
-    {7, "Torque feedback maximum"},
-    {8, "Position feedback maximum"},
-    {9, "Position feedback minimum"},
-    {12, "Control overrun"},
-    {16, "Current maximum"},
-    {17, "Invalid limits"},
-    {29, "VBUS critical range"},
-    {30, "Internal encoder error"},
-    {31, "External encoder error"},
-};
 
 // Addresses an actuator may take on the bus.
 inline constexpr int MIN_DEVICE_ADDRESS = 0x10;

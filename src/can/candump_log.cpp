@@ -2,6 +2,7 @@
 #include "ocp_api/candump_log.hpp"
 
 #include <algorithm>
+#include <limits>
 #include <cstdio>
 
 namespace ocp_api {
@@ -19,6 +20,10 @@ constexpr std::size_t CLASSIC_MAX_DATA = 8;
 constexpr std::size_t MICROS_DIGITS = 6;
 constexpr std::size_t MAX_FRACTION_DIGITS = 9;
 constexpr std::size_t MAX_SECONDS_DIGITS = 12;
+// Nanoseconds since the epoch overflow a signed 64-bit count in the year 2262;
+// later timestamps could not be placed on any clock of the host. An hour is
+// kept back for the time-outs that reading a log adds to its timestamps.
+constexpr int64_t LAST_LOGGABLE_SECOND = std::numeric_limits<int64_t>::max() / 1000000000 - 3600;
 
 int hex_digit(char c) {
     if (c >= '0' && c <= '9') return c - '0';
@@ -181,6 +186,8 @@ std::optional<LoggedFrame> parse_candump_line(std::string_view line, std::string
     LoggedFrame logged;
     const auto timestamp = parse_timestamp(next_field(rest));
     if (!timestamp) return fail(problem, "no (seconds.microseconds) timestamp");
+    if (*timestamp >= std::chrono::seconds(LAST_LOGGABLE_SECOND + 1))
+        return fail(problem, "timestamp past the year 2262 (at most " + std::to_string(LAST_LOGGABLE_SECOND) + " s)");
     logged.timestamp = *timestamp;
     const std::string_view interface = next_field(rest);
     if (interface.empty()) return fail(problem, "no interface name");

@@ -15,6 +15,8 @@
 #include <unordered_map>
 #include <utility>
 
+#include "ocp_api/codec.hpp"
+#include "ocp_api/identifier_tables.hpp"
 #include "ocp_api/wire.hpp"
 
 namespace ocp_api {
@@ -62,10 +64,10 @@ private:
 // Number of further float arguments of each mode's full setpoint command.
 std::size_t extras_of(Mode mode) {
     switch (mode) {
-        case Mode::TORQUE: return wire::TORQUE_SETPOINT_FLOATS - 1;
-        case Mode::SPEED: return wire::SPEED_SETPOINT_FLOATS - 1;
-        case Mode::POSITION: return wire::POSITION_SETPOINT_FLOATS - 1;
-        case Mode::IMPEDANCE: return wire::IMPEDANCE_SETPOINT_FLOATS - 1;
+        case Mode::TORQUE: return codec::setpoint_float_count(wire::Command::SET_TORQUE_SETPOINT) - 1;
+        case Mode::SPEED: return codec::setpoint_float_count(wire::Command::SET_SPEED_SETPOINT) - 1;
+        case Mode::POSITION: return codec::setpoint_float_count(wire::Command::SET_POSITION_SETPOINT) - 1;
+        case Mode::IMPEDANCE: return codec::setpoint_float_count(wire::Command::SET_IMPEDANCE_SETPOINT) - 1;
     }
     return 0;
 }
@@ -102,7 +104,7 @@ namespace detail {
 struct GroupMember {
     GroupMember(int address_, std::size_t bus_index_, GroupBus& bus_) : address(address_), bus_index(bus_index_), bus(bus_) {
         item_index.fill(-1);
-        frame.reserve(1 + sizeof(float) * wire::IMPEDANCE_SETPOINT_FLOATS);
+        frame.reserve(1 + sizeof(float) * codec::setpoint_float_count(wire::Command::SET_IMPEDANCE_SETPOINT));
     }
 
     void record(const std::vector<uint8_t>& bytes, int kind, GroupClock::time_point now, std::mutex& statistics_mutex,
@@ -227,7 +229,7 @@ void GroupMember::record(const std::vector<uint8_t>& bytes, int kind, GroupClock
                     const uint32_t word = wire::read_u32(&bytes[p + 1]);
                     fault.error_word = word;
                     fault.present = word != 0;
-                    fault.severe = (word >> wire::FIRST_SEVERE_ERROR_BIT) != 0;
+                    fault.severe = (word >> FIRST_SEVERE_ERROR_BIT) != 0;
                     fault.when = now;
                     if (word != 0) {
                         ++fault.count;
@@ -276,10 +278,8 @@ std::vector<std::string> FaultRecord::descriptions() const {
     std::vector<std::string> texts;
     for (int bit = 0; bit < 32; ++bit) {
         if (((error_word >> bit) & 1u) == 0) continue;
-        const auto named = std::find_if(std::begin(wire::ERROR_BITS), std::end(wire::ERROR_BITS),
-                                        [bit](const wire::ErrorBit& entry) { return entry.bit == bit; });
-        texts.push_back(named != std::end(wire::ERROR_BITS) ? std::string(named->description)
-                                                            : "Unknown error bit " + std::to_string(bit));
+        const ErrorBitInfo* named = find_error_bit(bit);
+        texts.push_back(named ? std::string(named->description) : "Unknown error bit " + std::to_string(bit));
     }
     return texts;
 }

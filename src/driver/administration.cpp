@@ -28,12 +28,12 @@ void OrreryActuator::set_can_high_speed(bool on) {
 }
 
 void OrreryActuator::enter_bootloader() {
-    send_command(wire::Command::ENTER_BOOTLOADER);
+    send(codec::EnterBootloader{});
     detail::sleep_resuming(detail::DEVICE_RESET_PAUSE);
 }
 
-void OrreryActuator::set_home_position() { send_command(wire::Command::SET_HOME_POSITION); }
+void OrreryActuator::set_home_position() { send(codec::SetHomePosition{}); }
 
-void OrreryActuator::blink() { send_command(wire::Command::BLINK); }
+void OrreryActuator::blink() { send(codec::Blink{}); }
 
 }  // namespace ocp_api

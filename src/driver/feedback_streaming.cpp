@@ -6,18 +6,8 @@
 
 namespace ocp_api {
 
-namespace {
-
-wire::Frame item_list_frame(wire::Command command, const std::vector<OrreryActuator::OCP_Items>& items) {
-    wire::Frame frame = wire::make_frame(command, items.size());
-    for (const auto item : items) wire::append_u8(frame, code_of(item));
-    return frame;
-}
-
-}  // namespace
-
 void OrreryActuator::setFeedbackItems(const std::vector<OCP_Items>& items) {
-    send_ocp_common(item_list_frame(wire::Command::SET_FEEDBACK_ITEMS, items));
+    send_ocp_common(codec::encode_item_list(codec::SetFeedbackItems::CODE, items));
     std::lock_guard<std::mutex> lock(mutex_);
     feedback_.clear();
 }
@@ -31,9 +21,7 @@ void OrreryActuator::setFeedbackRate(int hz) {
         detail::ErrorLine() << "Rate cannot exceed " << wire::MAX_FEEDBACK_RATE_HZ << " Hz";
         return;
     }
-    wire::Frame frame = wire::make_frame(wire::Command::SET_FEEDBACK_RATE, sizeof(uint32_t));
-    wire::append_u32(frame, wire::feedback_period_from_hz(hz));
-    send_ocp_common(frame);
+    send(codec::SetFeedbackRate::from_hz(hz));
 }
 
 void OrreryActuator::setFeedbackRate(Rates rate) { setFeedbackRate(static_cast<int>(rate)); }
@@ -44,7 +32,7 @@ OrreryActuator::FeedbackMap OrreryActuator::get_feedback() const {
 }
 
 OrreryActuator::FeedbackMap OrreryActuator::getItemsBlocking(const std::vector<OCP_Items>& items, float timeout_s) {
-    const wire::Frame frame = item_list_frame(wire::Command::GET_ITEMS, items);
+    const wire::Frame frame = codec::encode_item_list(codec::GetItems::CODE, items);
     {
         std::lock_guard<std::mutex> lock(mutex_);
         requested_items_.clear();

@@ -3,17 +3,23 @@
 #include "ocp_api/orrery_actuator.hpp"
 
 #include "common/timing.hpp"
+#include "ocp_api/identifier_tables.hpp"
 
 namespace ocp_api {
 
-const std::vector<std::string> OrreryActuator::MODELS_NAMES(MODEL_NAME_TABLE.begin(), MODEL_NAME_TABLE.end());
+const std::vector<std::string> OrreryActuator::MODELS_NAMES = [] {
+    std::vector<std::string> names;
+    for (const ModelInfo& model : tables::MODELS) names.emplace_back(model.name);
+    return names;
+}();
 
 OrreryActuator::OrreryActuator(OCP& transport, int address) : transport_(transport), address_(address) {
     feedback_.max_load_factor(1.0f);
     requested_items_.max_load_factor(1.0f);
     parameters_.max_load_factor(1.0f);
     ErrorCallback default_callback = [this](int source, ErrorMap errors) { default_error_callback(source, errors); };
-    error_callback_.replace(default_callback);
+    std::shared_ptr<const ErrorCallback> none;
+    error_callback_.replace(default_callback, none);
     transport_.setCallback(address, [this](int source, std::vector<uint8_t> bytes, int kind) {
         can_callback(source, std::move(bytes), kind);
     });
@@ -26,7 +32,7 @@ OrreryActuator::~OrreryActuator() {
 
 bool OrreryActuator::send_ping(float timeout_s) {
     ping_answered_.store(false);
-    send_command(wire::Command::PING);
+    send(codec::Ping{});
     return detail::poll_until(timeout_s, detail::PING_POLL_PERIOD, [this] { return ping_answered_.load(); });
 }
 
@@ -35,9 +41,9 @@ bool OrreryActuator::connect(float timeout_s) {
     return connected_.load();
 }
 
-void OrreryActuator::start() { send_command(wire::Command::START); }
+void OrreryActuator::start() { send(codec::Start{}); }
 
-void OrreryActuator::stop() { send_command(wire::Command::STOP); }
+void OrreryActuator::stop() { send(codec::Stop{}); }
 
 void OrreryActuator::disconnect() {
     stop();
@@ -45,16 +51,19 @@ void OrreryActuator::disconnect() {
     connected_.store(false);
 }
 
-// The earlier pending callback ends up in `cb` and dies after the lock is
-// released, so its destructor may call back into the actuator.
+// The callback replaced ends up in `cb` or `retired` and dies when the
+// setter returns, after the lock is released, so its destructor may call back
+// into the actuator.
 void OrreryActuator::set_feedback_callback(FeedbackCallback cb) noexcept {
+    std::shared_ptr<const FeedbackCallback> retired;
     std::lock_guard<std::mutex> lock(mutex_);
-    feedback_callback_.replace(cb);
+    feedback_callback_.replace(cb, retired);
 }
 
 void OrreryActuator::set_error_callback(ErrorCallback cb) noexcept {
+    std::shared_ptr<const ErrorCallback> retired;
     std::lock_guard<std::mutex> lock(mutex_);
-    error_callback_.replace(cb);
+    error_callback_.replace(cb, retired);
 }
 
 void OrreryActuator::set_low_freq_feedback_callback(LowFreqFeedbackCallback) {}
@@ -63,8 +72,6 @@ void OrreryActuator::set_low_freq_feedback_rate(int) {}
 void OrreryActuator::set_low_freq_feedback_rate(Rates) {}
 
 void OrreryActuator::send_ocp_common(const std::vector<uint8_t>& frame) { transport_.send(address_.load(), frame); }
-
-void OrreryActuator::send_command(wire::Command command) { send_ocp_common(wire::make_frame(command)); }
 
 int OrreryActuator::get_address() const { return address_.load(); }
 

@@ -10,24 +10,27 @@
 namespace ocp_api {
 
 void OrreryActuator::set_parameters(const ParameterMap& values) {
+    // Nine entries to a frame, in the map's iteration order; the entries are
+    // encoded as they come, so a frame costs one allocation.
     const std::size_t full_frame_payload = wire::MAX_PARAMETERS_PER_FRAME * wire::RECORD_SIZE;
-    wire::Frame frame = wire::make_frame(wire::Command::SET_PARAMETERS, full_frame_payload);
-    std::size_t records = 0;
+    wire::Frame frame = wire::make_frame(codec::SetParameters::CODE, full_frame_payload);
+    std::size_t entries = 0;
     for (const auto& [id, value] : values) {
-        wire::append_parameter_record(frame, code_of(id), value);
-        if (++records % wire::MAX_PARAMETERS_PER_FRAME == 0) {
+        codec::ParameterSetting{code_of(id), value}.encode_into(frame);
+        if (++entries % wire::MAX_PARAMETERS_PER_FRAME == 0) {
             send_ocp_common(frame);
-            frame = wire::make_frame(wire::Command::SET_PARAMETERS, full_frame_payload);
+            frame = wire::make_frame(codec::SetParameters::CODE, full_frame_payload);
         }
     }
-    if (frame.size() > 1) send_ocp_common(frame);
+    if (entries % wire::MAX_PARAMETERS_PER_FRAME != 0) send_ocp_common(frame);
 }
 
 bool OrreryActuator::request_parameter_batch(const std::vector<OCP_Parameters>& ids, float timeout_s) {
-    wire::Frame frame = wire::make_frame(wire::Command::GET_PARAMETERS, ids.size());
-    for (const OCP_Parameters id : ids) wire::append_u8(frame, static_cast<uint8_t>(id));
+    codec::GetParameters command;
+    command.codes.reserve(ids.size());
+    for (const OCP_Parameters id : ids) command.codes.push_back(code_of(id));
     parameters_received_.store(false);
-    send_ocp_common(frame);
+    send(command);
     // The flag gets one last look after the deadline: an answer parsed during
     // the final sleep still counts.
     const auto received = [this] { return parameters_received_.load(std::memory_order_acquire); };
@@ -60,26 +63,23 @@ OrreryActuator::ParameterMap OrreryActuator::get_parameters_all() {
 
 void OrreryActuator::parse_parameters(const std::vector<uint8_t>& bytes, int offset) {
     if (offset < 0 || static_cast<std::size_t>(offset) > bytes.size()) return;
-    const std::size_t start = static_cast<std::size_t>(offset);
-    const std::size_t records = (bytes.size() - start) / wire::RECORD_SIZE;
+    codec::ParameterEntryReader entries(bytes, static_cast<std::size_t>(offset));
     std::size_t stored = 0;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        for (std::size_t r = 0; r < records; ++r) {
-            const uint8_t* record = &bytes[start + r * wire::RECORD_SIZE];
-            const uint8_t id = record[0];
-            if (id == 0) break;  // identifier 0 ends the list
-            parameters_[static_cast<OCP_Parameters>(id)] = wire::decode_parameter_value(id, wire::read_u32(record + 1));
+        codec::ParameterEntry entry;
+        while (entries.next(entry)) {  // identifier 0 ends the list
+            parameters_[static_cast<OCP_Parameters>(entry.code)] = entry.value();
             ++stored;
         }
     }
     if (stored > 0) parameters_received_.store(true, std::memory_order_release);
 }
 
-void OrreryActuator::save_config() { send_command(wire::Command::SAVE_CONFIG); }
+void OrreryActuator::save_config() { send(codec::SaveConfig{}); }
 
 void OrreryActuator::clear_config() {
-    send_command(wire::Command::CLEAR_CONFIG);
+    send(codec::ClearConfig{});
     detail::ErrorLine() << "Warning: Actuator configuration cleared. Device will reset.";
     detail::sleep_resuming(detail::DEVICE_RESET_PAUSE);
 }
@@ -88,7 +88,7 @@ void OrreryActuator::restore_factory_parameters(float wait_s) {
     stop();
     setFeedbackRate(Rates::RATE_OFF);
     // The same command as clear_config, deliberately without its warning.
-    send_command(wire::Command::CLEAR_CONFIG);
+    send(codec::ClearConfig{});
     can_high_speed_.store(false);
     mode_.store(Mode::SPEED);
     {

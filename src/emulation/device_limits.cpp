@@ -1,9 +1,10 @@
 #include "emulation/device_limits.hpp"
 
 #include <cmath>
-#include <cstring>
 #include <stdexcept>
+#include <string_view>
 
+#include "ocp_api/identifier_tables.hpp"
 #include "ocp_api/wire.hpp"
 
 namespace ocp_api::detail {
@@ -13,19 +14,11 @@ namespace {
 using P = OrreryActuatorVirtual::OCP_Parameters;
 using Mode = OrreryActuatorVirtual::Mode;
 
-constexpr bool same_text(const char* a, const char* b) {
-    while (*a != '\0' && *a == *b) {
-        ++a;
-        ++b;
-    }
-    return *a == *b;
-}
-
 // The bit of the error table with this description; a description that is
 // not in the table does not compile.
-constexpr uint32_t error_mask(const char* description) {
-    for (const wire::ErrorBit& entry : wire::ERROR_BITS) {
-        if (same_text(entry.description, description)) return 1u << entry.bit;
+constexpr uint32_t error_mask(std::string_view description) {
+    for (const ErrorBitInfo& entry : tables::ERROR_BITS) {
+        if (entry.description == description) return 1u << entry.bit;
     }
     throw std::logic_error("no such error bit");
 }

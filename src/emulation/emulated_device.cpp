@@ -3,8 +3,11 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <optional>
 
 #include "common/numeric.hpp"
+#include "ocp_api/codec.hpp"
+#include "ocp_api/identifier_tables.hpp"
 #include "emulation/adapter.hpp"
 
 namespace ocp_api::detail {
@@ -17,30 +20,30 @@ using wire::Command;
 // A device clearing its configuration resets and stays silent this long.
 constexpr int64_t RESET_SILENCE_STEPS = 500;  // 50 ms of simulated time
 
-bool is_known_parameter(uint8_t code) {
-    return std::any_of(OrreryActuatorVirtual::ALL_PARAMETERS.begin(), OrreryActuatorVirtual::ALL_PARAMETERS.end(),
-                       [code](P p) { return static_cast<uint8_t>(p) == code; });
+bool is_known_parameter(uint8_t code) { return find_parameter(code) != nullptr; }
+
+// A command as the device reads it: what is cut short is ignored, as are
+// setpoints of the wrong length.
+template <class Command>
+std::optional<Command> complete(const wire::Frame& frame) {
+    auto decoded = Command::decode(frame);
+    if (!decoded.complete()) return std::nullopt;
+    return std::move(decoded.value);
 }
 
-std::size_t setpoint_floats(Command command) {
-    switch (command) {
-        case Command::SET_SETPOINT: return wire::SETPOINT_FLOATS;
-        case Command::SET_SETPOINT_EXT: return wire::SETPOINT_EXT_FLOATS;
-        case Command::SET_TORQUE_SETPOINT: return wire::TORQUE_SETPOINT_FLOATS;
-        case Command::SET_SPEED_SETPOINT: return wire::SPEED_SETPOINT_FLOATS;
-        case Command::SET_POSITION_SETPOINT: return wire::POSITION_SETPOINT_FLOATS;
-        case Command::SET_IMPEDANCE_SETPOINT: return wire::IMPEDANCE_SETPOINT_FLOATS;
-        case Command::SET_SPEED_SETPOINT_INTERNAL: return wire::SPEED_SETPOINT_INTERNAL_FLOATS;
-        case Command::SET_POSITION_SETPOINT_INTERNAL: return wire::POSITION_SETPOINT_INTERNAL_FLOATS;
-        default: return 0;
+template <class Setpoint>
+std::optional<Setpoint> exact(const wire::Frame& frame) {
+    auto decoded = Setpoint::decode(frame);
+    if (!decoded.ok()) return std::nullopt;
+    return decoded.value;
+}
+
+std::vector<OCP_Items> items_among(const std::vector<uint8_t>& codes) {
+    std::vector<OCP_Items> items;
+    for (const uint8_t code : codes) {
+        if (wire::is_item_code(code)) items.push_back(static_cast<OCP_Items>(code));
     }
-}
-
-std::vector<float> read_floats(const wire::Frame& frame) {
-    std::vector<float> values;
-    for (std::size_t offset = 1; offset + sizeof(float) <= frame.size(); offset += sizeof(float))
-        values.push_back(wire::read_f32(&frame[offset]));
-    return values;
+    return items;
 }
 
 }  // namespace
@@ -120,10 +123,9 @@ std::vector<uint8_t> EmulatedDevice::item_records(const std::vector<OCP_Items>& 
     for (const OCP_Items item : items) {
         if (item == OCP_Items::ERRORS_90) {
             // The error word goes out as it is, not through a float.
-            wire::append_u8(bytes, static_cast<uint8_t>(item));
-            wire::append_u32(bytes, error_word());
+            codec::ItemRecord{code_of(item), error_word()}.encode_into(bytes);
         } else {
-            wire::append_item_record(bytes, code_of(item), physics_.item_value(item));
+            codec::ItemRecord::of(code_of(item), physics_.item_value(item)).encode_into(bytes);
         }
     }
     return bytes;
@@ -154,7 +156,7 @@ void EmulatedDevice::handle_frame(const wire::Frame& frame, int64_t now, Replies
         case Command::START: on_start(); break;
         case Command::STOP: physics_.stop(); break;
         case Command::SET_MODE:
-            if (frame.size() >= 2) physics_.change_mode(static_cast<Mode>(frame[1]));
+            if (const auto command = complete<codec::SetMode>(frame)) physics_.change_mode(static_cast<Mode>(command->mode));
             break;
         case Command::SET_SETPOINT:
         case Command::SET_SETPOINT_EXT:
@@ -175,10 +177,12 @@ void EmulatedDevice::handle_frame(const wire::Frame& frame, int64_t now, Replies
             break;
         case Command::GET_PARAMETERS: on_get_parameters(frame, now, out); break;
         case Command::SET_TORQUE_PERFORMANCE:
-            if (frame.size() >= 2) physics_.set_torque_performance(static_cast<TorquePerformance>(frame[1]));
+            if (const auto command = complete<codec::SetTorquePerformance>(frame))
+                physics_.set_torque_performance(static_cast<TorquePerformance>(command->preset));
             break;
         case Command::SET_SPEED_PERFORMANCE:
-            if (frame.size() >= 2) physics_.set_speed_performance(static_cast<SpeedPerformance>(frame[1]));
+            if (const auto command = complete<codec::SetSpeedPerformance>(frame))
+                physics_.set_speed_performance(static_cast<SpeedPerformance>(command->preset));
             break;
         case Command::SET_HOME_POSITION: physics_.set_home_position(); break;
         case Command::SAVE_CONFIG: saved_ = physics_.get_parameters_all(); break;
@@ -188,7 +192,9 @@ void EmulatedDevice::handle_frame(const wire::Frame& frame, int64_t now, Replies
             stop_streaming();
             bootloader_ = true;
             break;
-        case Command::PING: reply(out, ping_reply(model_code_, firmware_word_), wire::REPLY_STREAMED, now); break;
+        case Command::PING:
+            reply(out, codec::PingReply{model_code_, firmware_word_}.encode(), wire::REPLY_STREAMED, now);
+            break;
         case Command::BLINK: ++blinks_; break;
         default: break;  // a device ignores what it does not know
     }
@@ -196,41 +202,56 @@ void EmulatedDevice::handle_frame(const wire::Frame& frame, int64_t now, Replies
 }
 
 void EmulatedDevice::on_setpoint(Command command, const wire::Frame& frame) {
-    if (frame.size() != 1 + sizeof(float) * setpoint_floats(command)) return;  // malformed: ignored
-    std::vector<float> a = read_floats(frame);
-    if (enforce_limits_) clamp_references(command, a);
+    // A setpoint of the wrong length is malformed and ignored. With limits
+    // on, the main reference is clamped as firmware would.
+    const auto reference = [&](float value) { return enforce_limits_ ? clamp_reference(command, value) : value; };
     switch (command) {
         case Command::SET_SETPOINT:
-        case Command::SET_SETPOINT_EXT:  // the two extra values are carried, not modelled
-            physics_.change_setpoint(a[0]);
+            if (const auto c = exact<codec::SetSetpoint>(frame)) physics_.change_setpoint(reference(c->setpoint));
             break;
-        case Command::SET_TORQUE_SETPOINT: physics_.change_torque_setpoint(a[0], a[1], a[2], a[3], a[4]); break;
-        case Command::SET_SPEED_SETPOINT: physics_.change_speed_setpoint(a[0], a[1], a[2], a[3], a[4]); break;
+        case Command::SET_SETPOINT_EXT:  // the two extra values are carried, not modelled
+            if (const auto c = exact<codec::SetSetpointExt>(frame)) physics_.change_setpoint(reference(c->a));
+            break;
+        case Command::SET_TORQUE_SETPOINT:
+            if (const auto c = exact<codec::SetTorqueSetpoint>(frame))
+                physics_.change_torque_setpoint(reference(c->torque), c->aux_0d, c->aux_0e, c->aux_0f, c->a5);
+            break;
+        case Command::SET_SPEED_SETPOINT:
+            if (const auto c = exact<codec::SetSpeedSetpoint>(frame))
+                physics_.change_speed_setpoint(reference(c->speed), c->speed_ff, c->aux_0e, c->aux_0d, c->t_ff);
+            break;
         case Command::SET_POSITION_SETPOINT:
-            physics_.change_position_setpoint(a[0], a[1], a[2], a[3], a[4], a[5]);
+            if (const auto c = exact<codec::SetPositionSetpoint>(frame))
+                physics_.change_position_setpoint(reference(c->position), c->speed_ff, c->aux_0e, c->aux_0d, c->aux_0f, c->t_ff);
             break;
         case Command::SET_IMPEDANCE_SETPOINT:
-            physics_.change_impedance_setpoint(a[0], a[1], a[2], a[3], a[4], a[5], a[6], a[7]);
+            if (const auto c = exact<codec::SetImpedanceSetpoint>(frame))
+                physics_.change_impedance_setpoint(reference(c->position), c->speed_ff, c->k_stiff, c->k_damp, c->a5, c->t_ff,
+                                                   c->a7, c->a8);
             break;
-        case Command::SET_SPEED_SETPOINT_INTERNAL: physics_.change_speed_setpoint(a[0], a[1], a[2], a[3]); break;
+        case Command::SET_SPEED_SETPOINT_INTERNAL:
+            if (const auto c = exact<codec::SetSpeedSetpointInternal>(frame))
+                physics_.change_speed_setpoint(reference(c->a1), c->a2, c->a3, c->a4);
+            break;
         case Command::SET_POSITION_SETPOINT_INTERNAL:
-            physics_.change_position_setpoint(a[0], a[1], a[2], a[3], a[4], a[5]);
+            if (const auto c = exact<codec::SetPositionSetpointInternal>(frame))
+                physics_.change_position_setpoint(reference(c->a1), c->a2, c->a3, c->a4, c->a5, c->a6);
             break;
         default: break;
     }
 }
 
-void EmulatedDevice::clamp_references(Command command, std::vector<float>& a) {
+float EmulatedDevice::clamp_reference(Command command, float value) {
     switch (command) {
         case Command::SET_SETPOINT:
-        case Command::SET_SETPOINT_EXT: a[0] = limits_.setpoint_reference(a[0], physics_); break;
-        case Command::SET_TORQUE_SETPOINT: a[0] = limits_.torque_reference(a[0], physics_); break;
+        case Command::SET_SETPOINT_EXT: return limits_.setpoint_reference(value, physics_);
+        case Command::SET_TORQUE_SETPOINT: return limits_.torque_reference(value, physics_);
         case Command::SET_SPEED_SETPOINT:
-        case Command::SET_SPEED_SETPOINT_INTERNAL: a[0] = limits_.speed_reference(a[0], physics_); break;
+        case Command::SET_SPEED_SETPOINT_INTERNAL: return limits_.speed_reference(value, physics_);
         case Command::SET_POSITION_SETPOINT:
         case Command::SET_POSITION_SETPOINT_INTERNAL:
-        case Command::SET_IMPEDANCE_SETPOINT: a[0] = limits_.position_reference(a[0], physics_); break;
-        default: break;
+        case Command::SET_IMPEDANCE_SETPOINT: return limits_.position_reference(value, physics_);
+        default: return value;
     }
 }
 
@@ -249,9 +270,7 @@ void EmulatedDevice::report_limits(int64_t now, Replies& out) {
     const bool new_condition = (bits & ~reported_limit_bits_) != 0;
     reported_limit_bits_ = bits;
     if (!new_condition || !answering(now)) return;
-    std::vector<uint8_t> bytes{static_cast<uint8_t>(wire::RecordCode::ERROR_FLAGS)};
-    wire::append_u32(bytes, error_word());
-    reply(out, std::move(bytes), wire::REPLY_STREAMED, now);
+    reply(out, codec::ErrorFlags{error_word()}.encode(), wire::REPLY_STREAMED, now);
 }
 
 void EmulatedDevice::set_enforce_limits(bool on) {
@@ -263,8 +282,9 @@ void EmulatedDevice::set_enforce_limits(bool on) {
 }
 
 void EmulatedDevice::on_set_feedback_rate(const wire::Frame& frame) {
-    if (frame.size() < 1 + sizeof(uint32_t)) return;
-    const uint32_t period = wire::read_u32(&frame[1]);
+    const auto command = complete<codec::SetFeedbackRate>(frame);
+    if (!command) return;
+    const uint32_t period = command->period;
     if (period == 0) {
         stop_streaming();
         return;
@@ -277,26 +297,18 @@ void EmulatedDevice::on_set_feedback_rate(const wire::Frame& frame) {
 }
 
 void EmulatedDevice::on_set_feedback_items(const wire::Frame& frame) {
-    stream_items_.clear();
-    for (std::size_t i = 1; i < frame.size(); ++i) {
-        if (wire::is_item_code(frame[i])) stream_items_.push_back(static_cast<OCP_Items>(frame[i]));
-    }
+    stream_items_ = items_among(codec::SetFeedbackItems::decode(frame).value.items);
 }
 
 void EmulatedDevice::on_get_items(const wire::Frame& frame, int64_t now, Replies& out) {
-    std::vector<OCP_Items> items;
-    for (std::size_t i = 1; i < frame.size(); ++i) {
-        if (wire::is_item_code(frame[i])) items.push_back(static_cast<OCP_Items>(frame[i]));
-    }
-    reply(out, item_records(items), wire::REPLY_REQUESTED, now);
+    reply(out, item_records(items_among(codec::GetItems::decode(frame).value.items)), wire::REPLY_REQUESTED, now);
 }
 
 void EmulatedDevice::on_set_parameters(const wire::Frame& frame) {
-    for (std::size_t p = 1; p + wire::RECORD_SIZE <= frame.size(); p += wire::RECORD_SIZE) {
-        const uint8_t code = frame[p];
-        if (!is_known_parameter(code)) continue;
-        const float value = wire::read_f32(&frame[p + 1]);
-        const auto id = static_cast<P>(code);
+    for (const codec::ParameterSetting& entry : codec::SetParameters::decode(frame).value.entries) {
+        if (!is_known_parameter(entry.code)) continue;
+        const float value = entry.value;
+        const auto id = static_cast<P>(entry.code);
         if (id == P::ADDRESS) {
             // The device answers from its new address at once; an address out
             // of range is refused.
@@ -310,13 +322,12 @@ void EmulatedDevice::on_set_parameters(const wire::Frame& frame) {
 }
 
 void EmulatedDevice::on_get_parameters(const wire::Frame& frame, int64_t now, Replies& out) {
-    std::vector<uint8_t> bytes{static_cast<uint8_t>(wire::RecordCode::PARAMETERS)};
-    for (std::size_t i = 1; i < frame.size(); ++i) {
-        if (!is_known_parameter(frame[i])) continue;
-        const auto id = static_cast<P>(frame[i]);
-        wire::append_typed_parameter_record(bytes, code_of(id), physics_.param_or_nan(id));
+    codec::ParametersRecord record;
+    for (const uint8_t code : codec::GetParameters::decode(frame).value.codes) {
+        if (!is_known_parameter(code)) continue;
+        record.entries.push_back(codec::ParameterEntry::of(code, physics_.param_or_nan(static_cast<P>(code))));
     }
-    reply(out, std::move(bytes), wire::REPLY_STREAMED, now);
+    reply(out, record.encode(), wire::REPLY_STREAMED, now);
 }
 
 void EmulatedDevice::on_clear_config(int64_t now) {
@@ -328,9 +339,7 @@ void EmulatedDevice::on_clear_config(int64_t now) {
 void EmulatedDevice::inject_errors(uint32_t error_word, int64_t now, Replies& out) {
     error_word_ = error_word;
     if (!answering(now)) return;
-    std::vector<uint8_t> bytes{static_cast<uint8_t>(wire::RecordCode::ERROR_FLAGS)};
-    wire::append_u32(bytes, error_word);
-    reply(out, std::move(bytes), wire::REPLY_STREAMED, now);
+    reply(out, codec::ErrorFlags{error_word}.encode(), wire::REPLY_STREAMED, now);
 }
 
 void EmulatedDevice::power_cycle() {

@@ -76,7 +76,8 @@ private:
     void on_get_items(const wire::Frame& frame, int64_t now, Replies& out);
     void on_clear_config(int64_t now);
     void on_setpoint(wire::Command command, const wire::Frame& frame);
-    void clamp_references(wire::Command command, std::vector<float>& values);
+    // The main reference of a setpoint command, within the device's limits.
+    float clamp_reference(wire::Command command, float value);
     void on_start();
     void check_limits_after_parameters();
     // Sends an error record when a limit condition newly arose.

@@ -13,6 +13,7 @@
 
 #include "ocp_api/can_node.hpp"
 #include "ocp_api/orrery_actuator.hpp"
+#include "ocp_api/codec.hpp"
 #include "ocp_api/wire.hpp"
 
 namespace ocp_api {
@@ -69,8 +70,9 @@ std::vector<uint8_t> encoded_command(PlannedCommand command) {
 std::vector<uint8_t> streamed_reply(int items) {
     wire::Frame bytes;
     for (int i = 0; i < items; ++i)
-        wire::append_item_record(bytes, code_of(OrreryActuator::ALL_ITEMS[static_cast<std::size_t>(i)]),
-                                 0.125f * static_cast<float>(i + 1));
+        codec::ItemRecord::of(code_of(OrreryActuator::ALL_ITEMS[static_cast<std::size_t>(i)]),
+                              0.125f * static_cast<float>(i + 1))
+            .encode_into(bytes);
     return bytes;
 }
 

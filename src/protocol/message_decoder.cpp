@@ -1,6 +1,6 @@
-// Decoding command frames and reply buffers for people and programs. Codes,
-// layouts and wire types all come from wire.hpp and identifiers.hpp; this file
-// only adds the names of commands and of their arguments.
+// Decoding command frames and reply buffers for people and programs. The codec
+// reads the bytes and the identifier tables give the names; this file only
+// attaches those names and formats the text.
 #include "ocp_api/message_decoder.hpp"
 
 #include <algorithm>
@@ -9,89 +9,22 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "ocp_api/codec.hpp"
+#include "ocp_api/identifier_tables.hpp"
 #include "ocp_api/identifiers.hpp"
+#include "ocp_api/number_format.hpp"
 #include "ocp_api/wire.hpp"
 
 namespace ocp_api {
 
 namespace {
 
+using codec::ByteView;
 using wire::Command;
 using wire::RecordCode;
 using Type = DecodedValue::Type;
 
 // --- names -------------------------------------------------------------------
-
-struct CommandName {
-    Command command;
-    const char* name;
-};
-
-constexpr CommandName COMMAND_NAMES[] = {
-    {Command::START, "START"},
-    {Command::STOP, "STOP"},
-    {Command::SET_MODE, "SET_MODE"},
-    {Command::SET_SETPOINT, "SET_SETPOINT"},
-    {Command::SET_FEEDBACK_RATE, "SET_FEEDBACK_RATE"},
-    {Command::SET_FEEDBACK_ITEMS, "SET_FEEDBACK_ITEMS"},
-    {Command::SET_HOME_POSITION, "SET_HOME_POSITION"},
-    {Command::SET_PARAMETERS, "SET_PARAMETERS"},
-    {Command::GET_PARAMETERS, "GET_PARAMETERS"},
-    {Command::SET_TORQUE_PERFORMANCE, "SET_TORQUE_PERFORMANCE"},
-    {Command::SET_SPEED_PERFORMANCE, "SET_SPEED_PERFORMANCE"},
-    {Command::GET_ITEMS, "GET_ITEMS"},
-    {Command::SET_SETPOINT_EXT, "SET_SETPOINT_EXT"},
-    {Command::SET_TORQUE_SETPOINT, "SET_TORQUE_SETPOINT"},
-    {Command::SET_SPEED_SETPOINT, "SET_SPEED_SETPOINT"},
-    {Command::SET_POSITION_SETPOINT, "SET_POSITION_SETPOINT"},
-    {Command::SET_IMPEDANCE_SETPOINT, "SET_IMPEDANCE_SETPOINT"},
-    {Command::SET_SPEED_SETPOINT_INTERNAL, "SET_SPEED_SETPOINT_INTERNAL"},
-    {Command::SET_POSITION_SETPOINT_INTERNAL, "SET_POSITION_SETPOINT_INTERNAL"},
-    {Command::SAVE_CONFIG, "SAVE_CONFIG"},
-    {Command::PING, "PING"},
-    {Command::BLINK, "BLINK"},
-    {Command::ENTER_BOOTLOADER, "ENTER_BOOTLOADER"},
-    {Command::CLEAR_CONFIG, "CLEAR_CONFIG"},
-};
-
-// The float arguments of the setpoint commands, named as the actuator's
-// methods name them. The counts come from the wire constants.
-struct SetpointLayout {
-    Command command;
-    std::size_t floats;
-    const char* names[9];
-};
-
-constexpr SetpointLayout SETPOINT_LAYOUTS[] = {
-    {Command::SET_SETPOINT, wire::SETPOINT_FLOATS, {"setpoint"}},
-    {Command::SET_SETPOINT_EXT, wire::SETPOINT_EXT_FLOATS, {"a", "b", "c"}},
-    {Command::SET_TORQUE_SETPOINT, wire::TORQUE_SETPOINT_FLOATS, {"torque", "aux_0d", "aux_0e", "aux_0f", "a5"}},
-    {Command::SET_SPEED_SETPOINT, wire::SPEED_SETPOINT_FLOATS, {"speed", "speed_ff", "aux_0e", "aux_0d", "t_ff"}},
-    {Command::SET_POSITION_SETPOINT,
-     wire::POSITION_SETPOINT_FLOATS,
-     {"position", "speed_ff", "aux_0e", "aux_0d", "aux_0f", "t_ff"}},
-    {Command::SET_IMPEDANCE_SETPOINT,
-     wire::IMPEDANCE_SETPOINT_FLOATS,
-     {"position", "speed_ff", "k_stiff", "k_damp", "a5", "t_ff", "a7", "a8"}},
-    {Command::SET_SPEED_SETPOINT_INTERNAL, wire::SPEED_SETPOINT_INTERNAL_FLOATS, {"a1", "a2", "a3", "a4"}},
-    {Command::SET_POSITION_SETPOINT_INTERNAL,
-     wire::POSITION_SETPOINT_INTERNAL_FLOATS,
-     {"a1", "a2", "a3", "a4", "a5", "a6", "a7", "a8", "a9"}},
-};
-
-const char* command_name(uint8_t code) {
-    for (const auto& entry : COMMAND_NAMES) {
-        if (static_cast<uint8_t>(entry.command) == code) return entry.name;
-    }
-    return nullptr;
-}
-
-const SetpointLayout* setpoint_layout(Command command) {
-    for (const auto& layout : SETPOINT_LAYOUTS) {
-        if (layout.command == command) return &layout;
-    }
-    return nullptr;
-}
 
 std::string code_text(uint8_t code) {
     char text[8];
@@ -100,19 +33,14 @@ std::string code_text(uint8_t code) {
 }
 
 // The name of an item or parameter code, or its hex text when it has none.
-std::optional<std::string> known_item_name(uint8_t code) {
-    if (!wire::is_item_code(code)) return std::nullopt;
-    return std::string(item_code_name(code));
+std::string item_name_or_code(uint8_t code) {
+    const ItemInfo* item = find_item(code);
+    return item ? std::string(item->name) : code_text(code);
 }
 
-std::optional<std::string> known_parameter_name(uint8_t code) {
-    const std::string_view name = parameter_code_name(code);
-    if (name.empty()) return std::nullopt;
-    return std::string(name);
-}
-
-std::string model_name_of(uint16_t model_code) {
-    return model_code < MODEL_NAME_TABLE.size() ? MODEL_NAME_TABLE[model_code] : "";
+std::string parameter_name_or_code(uint8_t code) {
+    const ParameterInfo* parameter = find_parameter(code);
+    return parameter ? std::string(parameter->name) : code_text(code);
 }
 
 std::string mode_name_of(double value) {
@@ -139,8 +67,7 @@ DecodedValue bare_name(std::string name, std::optional<uint8_t> code) {
 }
 
 // A 4-byte value read the way a wire type says.
-DecodedValue typed_value(std::string name, uint8_t code, wire::ValueType wire_type, const uint8_t* bytes) {
-    const uint32_t word = wire::read_u32(bytes);
+DecodedValue typed_value(std::string name, uint8_t code, wire::ValueType wire_type, uint32_t word) {
     DecodedValue value;
     value.name = std::move(name);
     value.code = code;
@@ -169,47 +96,29 @@ DecodedValue typed_value(std::string name, uint8_t code, wire::ValueType wire_ty
 std::string plural_bytes(std::size_t count) { return std::to_string(count) + (count == 1 ? " byte" : " bytes"); }
 
 // --- commands ------------------------------------------------------------------
+// The codec reads the bytes; here they get names.
 
-// Reads a command's payload (the bytes after the code) and notes what is wrong.
-class CommandReader {
-public:
-    CommandReader(const std::vector<uint8_t>& frame, DecodedPart& part, std::string& problem)
-        : frame_(frame), part_(part), problem_(problem) {}
-
-    std::size_t payload_size() const { return frame_.size() - 1; }
-    const uint8_t* payload() const { return frame_.data() + 1; }
-
-    void expect_payload(std::size_t expected) {
-        if (payload_size() < expected)
-            note("payload of " + plural_bytes(payload_size()) + ", expected " + std::to_string(expected));
-        else if (payload_size() > expected)
-            note(plural_bytes(payload_size() - expected) + " after the payload");
-    }
-
-    void note(const std::string& problem) {
-        if (problem_.empty()) problem_ = problem;
-    }
-
-    void add(DecodedValue value) { part_.values.push_back(std::move(value)); }
-
-private:
-    const std::vector<uint8_t>& frame_;
-    DecodedPart& part_;
-    std::string& problem_;
-};
-
-void decode_u8_argument(CommandReader& reader, const char* name, bool is_mode) {
-    reader.expect_payload(1);
-    if (reader.payload_size() < 1) return;
-    DecodedValue value = number_value(name, Type::u8, reader.payload()[0]);
-    if (is_mode) value.meaning = mode_name_of(value.number);
-    reader.add(std::move(value));
+template <class Message>
+void take_problem(const codec::Decoded<Message>& decoded, std::string& problem) {
+    if (problem.empty()) problem = decoded.problem;
 }
 
-void decode_feedback_rate(CommandReader& reader) {
-    reader.expect_payload(sizeof(uint32_t));
-    if (reader.payload_size() < sizeof(uint32_t)) return;
-    const uint32_t period = wire::read_u32(reader.payload());
+template <class Message>
+void add_byte(DecodedPart& part, std::string& problem, ByteView frame, const char* name, uint8_t Message::*field,
+              bool is_mode) {
+    const auto decoded = Message::decode(frame);
+    take_problem(decoded, problem);
+    if (!decoded.complete()) return;
+    DecodedValue value = number_value(name, Type::u8, decoded.value.*field);
+    if (is_mode) value.meaning = mode_name_of(value.number);
+    part.values.push_back(std::move(value));
+}
+
+void add_feedback_rate(DecodedPart& part, std::string& problem, ByteView frame) {
+    const auto decoded = codec::SetFeedbackRate::decode(frame);
+    take_problem(decoded, problem);
+    if (!decoded.complete()) return;
+    const uint32_t period = decoded.value.period;
     DecodedValue value = number_value("period", Type::u32, period);
     if (period == 0) {
         value.meaning = "off";
@@ -218,78 +127,76 @@ void decode_feedback_rate(CommandReader& reader) {
         std::snprintf(hz, sizeof hz, "%gHz", static_cast<double>(wire::PERIOD_UNITS_PER_SECOND) / period);
         value.meaning = hz;
     }
-    reader.add(std::move(value));
+    part.values.push_back(std::move(value));
 }
 
-void decode_item_list(CommandReader& reader) {
-    for (std::size_t i = 0; i < reader.payload_size(); ++i) {
-        const uint8_t code = reader.payload()[i];
-        const auto name = known_item_name(code);
-        if (!name) reader.note("unknown item code " + code_text(code));
-        reader.add(bare_name(name.value_or(code_text(code)), code));
-    }
+template <class Message>
+void add_item_list(DecodedPart& part, std::string& problem, ByteView frame) {
+    const auto decoded = Message::decode(frame);
+    take_problem(decoded, problem);
+    for (const uint8_t code : decoded.value.items) part.values.push_back(bare_name(item_name_or_code(code), code));
 }
 
-void check_parameter_count(CommandReader& reader, std::size_t count) {
-    if (count == 0) reader.note("no parameter entries");
-    if (count > wire::MAX_PARAMETERS_PER_FRAME)
-        reader.note(std::to_string(count) + " parameter entries, at most " +
-                    std::to_string(wire::MAX_PARAMETERS_PER_FRAME));
-}
-
-void decode_parameter_list(CommandReader& reader) {
-    check_parameter_count(reader, reader.payload_size());
-    for (std::size_t i = 0; i < reader.payload_size(); ++i) {
-        const uint8_t code = reader.payload()[i];
-        const auto name = known_parameter_name(code);
-        if (!name) reader.note("unknown parameter code " + code_text(code));
-        reader.add(bare_name(name.value_or(code_text(code)), code));
-    }
+void add_parameter_list(DecodedPart& part, std::string& problem, ByteView frame) {
+    const auto decoded = codec::GetParameters::decode(frame);
+    take_problem(decoded, problem);
+    for (const uint8_t code : decoded.value.codes) part.values.push_back(bare_name(parameter_name_or_code(code), code));
 }
 
 // The host always sends parameter values as floats, whatever their type on
 // the way back.
-void decode_parameter_settings(CommandReader& reader) {
-    const std::size_t entries = reader.payload_size() / wire::RECORD_SIZE;
-    check_parameter_count(reader, entries);
-    for (std::size_t i = 0; i < entries; ++i) {
-        const uint8_t* entry = reader.payload() + i * wire::RECORD_SIZE;
-        const uint8_t code = entry[0];
-        const auto name = known_parameter_name(code);
-        if (!name) reader.note("unknown parameter code " + code_text(code));
-        DecodedValue value = typed_value(name.value_or(code_text(code)), code, wire::ValueType::F32, entry + 1);
-        if (wire::parameter_value_type(code) == wire::ValueType::MODE)
+void add_parameter_settings(DecodedPart& part, std::string& problem, ByteView frame) {
+    const auto decoded = codec::SetParameters::decode(frame);
+    take_problem(decoded, problem);
+    for (const codec::ParameterSetting& entry : decoded.value.entries) {
+        DecodedValue value = typed_value(parameter_name_or_code(entry.code), entry.code, wire::ValueType::F32,
+                                         wire::bits_from_float(entry.value));
+        if (wire::parameter_value_type(entry.code) == wire::ValueType::MODE)
             value.meaning = mode_name_of(std::trunc(value.number));
-        reader.add(std::move(value));
+        part.values.push_back(std::move(value));
     }
-    const std::size_t left = reader.payload_size() % wire::RECORD_SIZE;
-    if (left != 0)
-        reader.note("truncated parameter entry: " + std::to_string(left) + " of " +
-                    std::to_string(wire::RECORD_SIZE) + " bytes");
 }
 
-void decode_setpoint(CommandReader& reader, const SetpointLayout& layout) {
-    reader.expect_payload(layout.floats * sizeof(float));
-    const std::size_t present = std::min(layout.floats, reader.payload_size() / sizeof(float));
-    for (std::size_t i = 0; i < present; ++i)
-        reader.add(number_value(layout.names[i], Type::f32, wire::read_f32(reader.payload() + i * sizeof(float))));
+void add_setpoint(DecodedPart& part, std::string& problem, ByteView frame, Command command) {
+    const auto decoded = codec::decode_setpoint_floats(frame);
+    take_problem(decoded, problem);
+    const std::vector<std::string_view> names = codec::setpoint_field_names(command);
+    for (std::size_t i = 0; i < decoded.value.size(); ++i)
+        part.values.push_back(number_value(std::string(names[i]), Type::f32, decoded.value[i]));
 }
 
-void decode_command_payload(Command command, CommandReader& reader) {
-    if (const SetpointLayout* layout = setpoint_layout(command)) {
-        decode_setpoint(reader, *layout);
+template <Command Code>
+void check_bare(std::string& problem, ByteView frame) {
+    take_problem(codec::BareCommand<Code>::decode(frame), problem);
+}
+
+void decode_command_payload(Command command, DecodedPart& part, std::string& problem, ByteView frame) {
+    if (codec::is_setpoint(static_cast<uint8_t>(command))) {
+        add_setpoint(part, problem, frame, command);
         return;
     }
     switch (command) {
-        case Command::SET_MODE: decode_u8_argument(reader, "mode", true); return;
+        case Command::SET_MODE: add_byte(part, problem, frame, "mode", &codec::SetMode::mode, true); return;
         case Command::SET_TORQUE_PERFORMANCE:
-        case Command::SET_SPEED_PERFORMANCE: decode_u8_argument(reader, "preset", false); return;
-        case Command::SET_FEEDBACK_RATE: decode_feedback_rate(reader); return;
-        case Command::SET_FEEDBACK_ITEMS:
-        case Command::GET_ITEMS: decode_item_list(reader); return;
-        case Command::SET_PARAMETERS: decode_parameter_settings(reader); return;
-        case Command::GET_PARAMETERS: decode_parameter_list(reader); return;
-        default: reader.expect_payload(0); return;  // a bare command
+            add_byte(part, problem, frame, "preset", &codec::SetTorquePerformance::preset, false);
+            return;
+        case Command::SET_SPEED_PERFORMANCE:
+            add_byte(part, problem, frame, "preset", &codec::SetSpeedPerformance::preset, false);
+            return;
+        case Command::SET_FEEDBACK_RATE: add_feedback_rate(part, problem, frame); return;
+        case Command::SET_FEEDBACK_ITEMS: add_item_list<codec::SetFeedbackItems>(part, problem, frame); return;
+        case Command::GET_ITEMS: add_item_list<codec::GetItems>(part, problem, frame); return;
+        case Command::SET_PARAMETERS: add_parameter_settings(part, problem, frame); return;
+        case Command::GET_PARAMETERS: add_parameter_list(part, problem, frame); return;
+        case Command::START: check_bare<Command::START>(problem, frame); return;
+        case Command::STOP: check_bare<Command::STOP>(problem, frame); return;
+        case Command::SET_HOME_POSITION: check_bare<Command::SET_HOME_POSITION>(problem, frame); return;
+        case Command::SAVE_CONFIG: check_bare<Command::SAVE_CONFIG>(problem, frame); return;
+        case Command::PING: check_bare<Command::PING>(problem, frame); return;
+        case Command::BLINK: check_bare<Command::BLINK>(problem, frame); return;
+        case Command::ENTER_BOOTLOADER: check_bare<Command::ENTER_BOOTLOADER>(problem, frame); return;
+        case Command::CLEAR_CONFIG: check_bare<Command::CLEAR_CONFIG>(problem, frame); return;
+        default: return;
     }
 }
 
@@ -297,112 +204,85 @@ void decode_command_payload(Command command, CommandReader& reader) {
 
 class ReplyWalker {
 public:
-    ReplyWalker(const std::vector<uint8_t>& bytes, DecodedMessage& message) : bytes_(bytes), message_(message) {}
+    ReplyWalker(const std::vector<uint8_t>& bytes, DecodedMessage& message)
+        : bytes_(bytes), reader_(bytes), message_(message) {}
 
     void walk() {
-        while (position_ < bytes_.size() && message_.problem.empty()) {
-            const uint8_t code = bytes_[position_];
-            if (code == static_cast<uint8_t>(RecordCode::RECORD_END)) {
-                ++position_;
-                break;
+        std::size_t end = 0;
+        for (;;) {
+            const codec::Record record = reader_.next();
+            end = reader_.position();
+            if (record.kind == codec::Record::Kind::ITEM) {
+                add_item(record.item);
+                continue;
             }
-            if (!read_record(code)) break;
+            switch (record.kind) {
+                case codec::Record::Kind::PING_REPLY: add_ping_reply(record.ping); break;
+                case codec::Record::Kind::ERROR_FLAGS: add_error_flags(record.errors); break;
+                case codec::Record::Kind::PARAMETERS: end = read_parameters(record.offset + 1); break;
+                case codec::Record::Kind::UNKNOWN: note("unknown record code " + code_text(record.code)); break;
+                case codec::Record::Kind::TRUNCATED:
+                    note("truncated record " + code_text(record.code) + ": " +
+                         std::to_string(bytes_.size() - record.offset) + " of " + std::to_string(wire::RECORD_SIZE) +
+                         " bytes");
+                    break;
+                default: break;
+            }
+            break;
         }
-        if (message_.problem.empty() && position_ < bytes_.size())
-            note(plural_bytes(bytes_.size() - position_) + " after the last record");
+        if (message_.problem.empty() && end < bytes_.size())
+            note(plural_bytes(bytes_.size() - end) + " after the last record");
     }
 
 private:
-    // Reads the record at position_; false when the walk ends with it.
-    bool read_record(uint8_t code) {
-        if (code == static_cast<uint8_t>(RecordCode::PARAMETERS)) {
-            read_parameters();
-            return false;
-        }
-        const bool known = wire::is_item_code(code) || code == static_cast<uint8_t>(RecordCode::PING_REPLY) ||
-                           code == static_cast<uint8_t>(RecordCode::ERROR_FLAGS);
-        if (!known) {
-            note("unknown record code " + code_text(code));
-            return false;
-        }
-        if (position_ + wire::RECORD_SIZE > bytes_.size()) {
-            note("truncated record " + code_text(code) + ": " + std::to_string(bytes_.size() - position_) + " of " +
-                 std::to_string(wire::RECORD_SIZE) + " bytes");
-            return false;
-        }
-        const uint8_t* record = &bytes_[position_];
-        position_ += wire::RECORD_SIZE;
-        if (wire::is_item_code(code)) {
-            item_part(code).values.push_back(
-                typed_value(*known_item_name(code), code, wire::item_value_type(code), record + 1));
-            return true;
-        }
-        if (code == static_cast<uint8_t>(RecordCode::PING_REPLY)) {
-            add_ping_reply(record);
-        } else {
-            add_error_flags(record);
-        }
-        return false;  // both end the host's walk
+    void add_item(const codec::ItemRecord& item) {
+        if (message_.parts.empty() || message_.parts.back().name != "ITEMS")
+            message_.parts.push_back({"ITEMS", item.code, {}});
+        message_.parts.back().values.push_back(
+            typed_value(item_name_or_code(item.code), item.code, wire::item_value_type(item.code), item.word));
     }
 
-    DecodedPart& item_part(uint8_t code) {
-        if (message_.parts.empty() || message_.parts.back().name != "ITEMS") message_.parts.push_back({"ITEMS", code, {}});
-        return message_.parts.back();
-    }
-
-    void add_ping_reply(const uint8_t* record) {
+    void add_ping_reply(const codec::PingReply& ping) {
         DecodedPart part{"PING_REPLY", static_cast<uint8_t>(RecordCode::PING_REPLY), {}};
-        const uint16_t model_code = wire::read_u16(record + wire::PING_MODEL_OFFSET);
-        DecodedValue model = number_value("model", Type::u16, model_code);
-        model.meaning = model_name_of(model_code);
-        const uint16_t firmware_word = wire::read_u16(record + wire::PING_FIRMWARE_OFFSET);
-        DecodedValue firmware = number_value("firmware", Type::u16, firmware_word);
-        firmware.meaning = wire::firmware_version_text(firmware_word);
+        DecodedValue model = number_value("model", Type::u16, ping.model_code);
+        model.meaning = std::string(model_name_of(ping.model_code));
+        DecodedValue firmware = number_value("firmware", Type::u16, ping.firmware_word);
+        firmware.meaning = wire::firmware_version_text(ping.firmware_word);
         firmware.shown_in_hex = true;
         part.values = {std::move(model), std::move(firmware)};
         message_.parts.push_back(std::move(part));
     }
 
-    void add_error_flags(const uint8_t* record) {
+    void add_error_flags(const codec::ErrorFlags& errors) {
         DecodedPart part{"ERROR_FLAGS", static_cast<uint8_t>(RecordCode::ERROR_FLAGS), {}};
-        const uint32_t flags = wire::read_u32(record + 1);
-        DecodedValue word = number_value("flags", Type::u32, flags);
+        DecodedValue word = number_value("flags", Type::u32, errors.flags);
         word.shown_in_hex = true;
         part.values.push_back(std::move(word));
         for (int bit = 0; bit < 32; ++bit) {
-            if ((flags & (1u << bit)) == 0) continue;
+            if ((errors.flags & (1u << bit)) == 0) continue;
             DecodedValue value = bare_name("bit" + std::to_string(bit), std::nullopt);
-            value.meaning = "unknown error bit";
-            for (const auto& known : wire::ERROR_BITS) {
-                if (known.bit == bit) value.meaning = known.description;
-            }
+            const ErrorBitInfo* known = find_error_bit(bit);
+            value.meaning = known ? std::string(known->description) : "unknown error bit";
             part.values.push_back(std::move(value));
         }
         message_.parts.push_back(std::move(part));
     }
 
-    // Entries of a code byte and 4 value bytes, up to a zero code or the end.
-    void read_parameters() {
+    // Returns where the entries ended.
+    std::size_t read_parameters(std::size_t offset) {
         DecodedPart part{"PARAMETERS", static_cast<uint8_t>(RecordCode::PARAMETERS), {}};
-        ++position_;
-        while (position_ < bytes_.size()) {
-            const uint8_t code = bytes_[position_];
-            if (code == 0) {
-                ++position_;
-                break;
-            }
-            if (position_ + wire::RECORD_SIZE > bytes_.size()) {
-                note("truncated parameter entry: " + std::to_string(bytes_.size() - position_) + " of " +
-                     std::to_string(wire::RECORD_SIZE) + " bytes");
-                break;
-            }
-            const auto name = known_parameter_name(code);
-            if (!name) note("unknown parameter code " + code_text(code));
-            part.values.push_back(typed_value(name.value_or(code_text(code)), code, wire::parameter_value_type(code),
-                                              &bytes_[position_ + 1]));
-            position_ += wire::RECORD_SIZE;
+        codec::ParameterEntryReader entries(bytes_, offset);
+        codec::ParameterEntry entry;
+        while (entries.next(entry)) {
+            if (!find_parameter(entry.code)) note("unknown parameter code " + code_text(entry.code));
+            part.values.push_back(typed_value(parameter_name_or_code(entry.code), entry.code,
+                                              wire::parameter_value_type(entry.code), entry.word));
         }
+        if (entries.truncated_bytes() != 0)
+            note("truncated parameter entry: " + std::to_string(entries.truncated_bytes()) + " of " +
+                 std::to_string(wire::RECORD_SIZE) + " bytes");
         message_.parts.push_back(std::move(part));
+        return entries.position();
     }
 
     void note(const std::string& problem) {
@@ -410,24 +290,14 @@ private:
     }
 
     const std::vector<uint8_t>& bytes_;
+    codec::ReplyReader reader_;
     DecodedMessage& message_;
-    std::size_t position_ = 0;
 };
 
 // --- rendering -----------------------------------------------------------------
 
-// The shortest decimal text that reads back as the same float.
-std::string float_text(double number) {
-    if (std::isnan(number)) return "nan";
-    if (std::isinf(number)) return number < 0 ? "-inf" : "inf";
-    const float value = static_cast<float>(number);
-    char text[32];
-    for (int digits = 1; digits <= 9; ++digits) {
-        std::snprintf(text, sizeof text, "%.*g", digits, number);
-        if (std::strtof(text, nullptr) == value) break;
-    }
-    return text;
-}
+// Floats as every tool prints them.
+std::string float_text(double number) { return format_number(static_cast<float>(number)); }
 
 std::string number_text(const DecodedValue& value) {
     char text[32];
@@ -537,14 +407,13 @@ DecodedMessage decode_command(const std::vector<uint8_t>& frame) {
         message.problem = "empty command frame";
         return message;
     }
-    const char* name = command_name(frame[0]);
-    if (name == nullptr) {
+    const codec::CommandInfo* command = codec::find_command(frame[0]);
+    if (command == nullptr) {
         message.problem = "unknown command " + code_text(frame[0]);
         return message;
     }
-    message.parts.push_back({name, frame[0], {}});
-    CommandReader reader(frame, message.parts.back(), message.problem);
-    decode_command_payload(static_cast<Command>(frame[0]), reader);
+    message.parts.push_back({std::string(command->name), frame[0], {}});
+    decode_command_payload(command->code, message.parts.back(), message.problem, frame);
     return message;
 }
 

@@ -1,7 +1,7 @@
 #include "ocp_api/wire.hpp"
 
 #include "common/numeric.hpp"
-#include "protocol/codes.hpp"
+#include "ocp_api/identifier_tables.hpp"
 
 #include <cmath>
 #include <cstring>
@@ -13,15 +13,6 @@ void append_float(std::vector<uint8_t>& bytes, float value) {
 }
 
 namespace wire {
-
-namespace {
-
-using Items = Codes::OCP_Items;
-using Parameters = Codes::OCP_Parameters;
-
-constexpr uint8_t code_of(Items item) { return static_cast<uint8_t>(item); }
-
-}  // namespace
 
 Frame make_frame(Command command, std::size_t payload_bytes) {
     Frame frame;
@@ -66,41 +57,16 @@ uint32_t bits_from_float(float value) {
     return word;
 }
 
-bool is_item_code(uint8_t code) {
-    return (code >= code_of(Items::POS_FB_41) && code <= code_of(Items::REF_4D)) ||
-           (code >= code_of(Items::ITEM_4F) && code <= code_of(Items::ITEM_62)) ||
-           (code >= code_of(Items::VBUS_70) && code <= code_of(Items::POS_FB_73)) ||
-           (code >= code_of(Items::ERRORS_90) && code <= code_of(Items::ITEM_9A));
-}
+bool is_item_code(uint8_t code) { return find_item(code) != nullptr; }
 
 ValueType item_value_type(uint8_t code) {
-    switch (static_cast<Items>(code)) {
-        case Items::ERRORS_90:
-        case Items::ITEM_60:
-        case Items::ITEM_61:
-        case Items::ITEM_62:
-        case Items::ITEM_42:
-        case Items::ITEM_44:
-            return ValueType::U32;
-        case Items::ITEM_4A:
-            return ValueType::I32;
-        default:
-            return ValueType::F32;
-    }
+    const ItemInfo* item = find_item(code);
+    return item ? item->type : ValueType::F32;
 }
 
 ValueType parameter_value_type(uint8_t code) {
-    switch (static_cast<Parameters>(code)) {
-        case Parameters::MODE:
-            return ValueType::MODE;
-        case Parameters::DEVICE_80:
-        case Parameters::DEVICE_82:
-        case Parameters::DEVICE_83:
-        case Parameters::DEVICE_84:
-            return ValueType::U32;
-        default:
-            return ValueType::F32;
-    }
+    const ParameterInfo* parameter = find_parameter(code);
+    return parameter ? parameter->type : ValueType::F32;
 }
 
 namespace {
@@ -146,32 +112,12 @@ float decode_item_value(uint8_t code, uint32_t word) { return decode_value(item_
 
 uint32_t encode_item_value(uint8_t code, float value) { return encode_value(item_value_type(code), value); }
 
-void append_item_record(Frame& frame, uint8_t item_code, float value) {
-    append_u8(frame, item_code);
-    append_u32(frame, encode_item_value(item_code, value));
-}
-
 float decode_parameter_value(uint8_t code, uint32_t word) {
     return decode_value(parameter_value_type(code), word);
 }
 
 uint32_t encode_parameter_value(uint8_t code, float value) {
     return encode_value(parameter_value_type(code), value);
-}
-
-void append_parameter_record(Frame& frame, uint8_t parameter_code, float value) {
-    append_u8(frame, parameter_code);
-    append_float(frame, value);
-}
-
-void append_typed_parameter_record(Frame& frame, uint8_t parameter_code, float value) {
-    append_u8(frame, parameter_code);
-    append_u32(frame, encode_parameter_value(parameter_code, value));
-}
-
-uint32_t feedback_period_from_hz(int hz) {
-    if (hz <= 0) return 0;
-    return static_cast<uint32_t>((PERIOD_UNITS_PER_SECOND + hz / 2) / hz);
 }
 
 namespace {
@@ -196,26 +142,6 @@ std::string firmware_version_text(uint16_t word) {
 
 bool is_valid_device_address(int address) {
     return address >= MIN_DEVICE_ADDRESS && address <= MAX_DEVICE_ADDRESS;
-}
-
-CommandClass command_class(uint8_t code) {
-    switch (static_cast<Command>(code)) {
-    case Command::STOP:
-        return CommandClass::safety;
-    case Command::START:
-        return CommandClass::motion;
-    case Command::SET_SETPOINT:
-    case Command::SET_SETPOINT_EXT:
-    case Command::SET_TORQUE_SETPOINT:
-    case Command::SET_SPEED_SETPOINT:
-    case Command::SET_POSITION_SETPOINT:
-    case Command::SET_IMPEDANCE_SETPOINT:
-    case Command::SET_SPEED_SETPOINT_INTERNAL:
-    case Command::SET_POSITION_SETPOINT_INTERNAL:
-        return CommandClass::setpoint;
-    default:
-        return CommandClass::ordinary;
-    }
 }
 
 }  // namespace wire

@@ -11,7 +11,8 @@
 #include <unordered_set>
 #include <utility>
 
-#include "ocp_api/identifiers.hpp"
+#include "ocp_api/codec.hpp"
+#include "ocp_api/identifier_tables.hpp"
 #include "ocp_api/wire.hpp"
 
 namespace ocp_api {
@@ -29,23 +30,18 @@ constexpr auto PACING_TICK = std::chrono::milliseconds(1);
 // records before it are stepped over (a streaming device may put its answer
 // behind them); any other record ends the search.
 std::optional<FoundDevice> ping_answer_in(int address, const std::vector<uint8_t>& bytes) {
-    std::size_t position = 0;
-    while (position + wire::RECORD_SIZE <= bytes.size()) {
-        const uint8_t code = bytes[position];
-        if (code == static_cast<uint8_t>(wire::RecordCode::PING_REPLY)) {
-            FoundDevice device;
-            device.address = address;
-            device.model_code = wire::read_u16(&bytes[position + wire::PING_MODEL_OFFSET]);
-            device.model = device.model_code < MODEL_NAME_TABLE.size() ? MODEL_NAME_TABLE[device.model_code]
-                                                                         : MODEL_NAME_TABLE[MODEL_CODE_UNKNOWN];
-            device.firmware_word = wire::read_u16(&bytes[position + wire::PING_FIRMWARE_OFFSET]);
-            device.firmware = wire::firmware_version_text(device.firmware_word);
-            return device;
-        }
-        if (!wire::is_item_code(code)) return std::nullopt;
-        position += wire::RECORD_SIZE;
+    codec::ReplyReader reader(bytes);
+    for (codec::Record record = reader.next(); ; record = reader.next()) {
+        if (record.kind == codec::Record::Kind::ITEM) continue;
+        if (record.kind != codec::Record::Kind::PING_REPLY) return std::nullopt;
+        FoundDevice device;
+        device.address = address;
+        device.model_code = record.ping.model_code;
+        device.model = std::string(model_name_of(record.ping.model_code));
+        device.firmware_word = record.ping.firmware_word;
+        device.firmware = wire::firmware_version_text(record.ping.firmware_word);
+        return device;
     }
-    return std::nullopt;
 }
 
 // Answers handed from the transport's receive thread to the scanning thread.
@@ -140,7 +136,7 @@ private:
             if (auto device = ping_answer_in(address, bytes)) answers->push(std::move(*device));
         });
         pending_.insert(address);
-        bus_.send(address, wire::make_frame(wire::Command::PING));
+        bus_.send(address, codec::Ping{}.encode());
         in_flight_.push_back({address, Clock::now() + options_.answer_period});
     }
 

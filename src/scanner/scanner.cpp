@@ -41,7 +41,7 @@ std::vector<int> OrreryActuatorScanner::scan(int first_address, int last_address
         transport_.setCallback(address, [this](int source, std::vector<uint8_t> bytes, int kind) {
             can_callback(source, std::move(bytes), kind);
         });
-        transport_.send(address, wire::make_frame(wire::Command::PING));
+        transport_.send(address, codec::Ping{}.encode());
         // The flag is cleared after the send and the time stamp: a reply
         // handled in that gap is not counted.
         const auto start = std::chrono::steady_clock::now();

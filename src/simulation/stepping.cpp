@@ -164,13 +164,41 @@ float OrreryActuatorVirtual::item_value(OCP_Items item) const {
 }
 
 void OrreryActuatorVirtual::update_feedback_snapshot() {
-    if (snapshot_keys_stale) {
-        feedback.clear();
-        snapshot_keys_stale = false;
+    // Cleared and refilled in item order, so the map iterates exactly as a
+    // freshly refilled one would (rehashes during the first fill after a
+    // change of items leave another order than a refill of the grown table).
+    // Once a refill has left the map as a refill of it would (no rehash on the
+    // way, the same items), refilling again gives the same map, so the values
+    // are written in place.
+    if (snapshot_is_a_refill) {
+        for (const OCP_Items item : feedback_items) feedback.find(item)->second = item_value(item);
+        return;
     }
-    // With the keys unchanged since the last snapshot this only overwrites
-    // values; the result is the same as clearing and refilling the map.
-    for (const OCP_Items item : feedback_items) feedback[item] = item_value(item);
+    // The nodes are taken out and put back rather than freed and allocated
+    // again: a refill allocates nothing once the items have settled.
+    const std::size_t buckets_before = feedback.bucket_count();
+    spare_snapshot_nodes.reserve(feedback_items.size());
+    while (!feedback.empty()) spare_snapshot_nodes.push_back(feedback.extract(feedback.begin()));
+    feedback.clear();
+    for (const OCP_Items item : feedback_items) {
+        const float value = item_value(item);
+        if (spare_snapshot_nodes.empty()) {
+            feedback[item] = value;
+            continue;
+        }
+        FeedbackMap::node_type node = std::move(spare_snapshot_nodes.back());
+        spare_snapshot_nodes.pop_back();
+        node.key() = item;
+        node.mapped() = value;
+        auto inserted = feedback.insert(std::move(node));
+        if (!inserted.inserted) {  // an item listed twice: one entry
+            inserted.position->second = value;
+            spare_snapshot_nodes.push_back(std::move(inserted.node));
+        }
+    }
+    // Nodes of items no longer listed are released.
+    spare_snapshot_nodes.clear();
+    snapshot_is_a_refill = feedback.bucket_count() == buckets_before;
 }
 
 OrreryActuatorVirtual::FeedbackMap OrreryActuatorVirtual::get_feedback() const { return feedback; }
@@ -189,7 +217,7 @@ OrreryActuatorVirtual::FeedbackMap OrreryActuatorVirtual::get_items_blocking(con
 
 void OrreryActuatorVirtual::set_feedback_items(const std::vector<OCP_Items>& items) {
     feedback_items = items;
-    snapshot_keys_stale = true;
+    snapshot_is_a_refill = false;
     update_feedback_snapshot();
 }
 

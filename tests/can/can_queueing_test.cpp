@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "ocp_api/can_node.hpp"
+#include "ocp_api/codec.hpp"
 #include "ocp_api/wire.hpp"
 #include "support/can_frames.hpp"
 
@@ -49,7 +50,7 @@ Bytes set_parameters() {
 
 bool queue(Node& host, const Bytes& bytes, IsoTpTime now, Frames& out) {
     MessageClass message_class = MessageClass::ordinary;
-    switch (wire::command_class(bytes[0])) {
+    switch (codec::command_class(bytes[0])) {
     case wire::CommandClass::safety: message_class = MessageClass::safety; break;
     case wire::CommandClass::motion: message_class = MessageClass::motion; break;
     case wire::CommandClass::setpoint: message_class = MessageClass::setpoint; break;

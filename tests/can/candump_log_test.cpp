@@ -81,6 +81,10 @@ TEST(CandumpLog, GarbageLinesSayWhy) {
     EXPECT_EQ(rejection(""), "no (seconds.microseconds) timestamp");
     EXPECT_EQ(rejection("# a comment"), "no (seconds.microseconds) timestamp");
     EXPECT_EQ(rejection("(abc.def) can0 123#11"), "no (seconds.microseconds) timestamp");
+    EXPECT_EQ(rejection("(9300000000.000000) vcan0 00D04021#0580030042080000"),
+              "timestamp past the year 2262 (at most 9223368436 s)");
+    EXPECT_EQ(rejection("(9223368437.000000) vcan0 123#"), "timestamp past the year 2262 (at most 9223368436 s)");
+    EXPECT_EQ(parsed("(9223368436.999999) vcan0 123#").timestamp, microseconds(9223368436999999));
     EXPECT_EQ(rejection("(1.0)"), "no interface name");
     EXPECT_EQ(rejection("(1.0) can0 12345678"), "no '#' in the frame");
     EXPECT_EQ(rejection("(1.0) can0 1234#11"), "identifier is not 3 or 8 hex digits");

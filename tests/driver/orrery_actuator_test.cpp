@@ -160,3 +160,61 @@ TEST_F(ActuatorLifecycle, LowFrequencyOperationsDoNothing) {
 }
 
 }  // namespace
+
+namespace {
+
+using namespace ocp_api;
+using namespace ocp_test;
+
+// A token whose use count tells whether the callback that captured it is alive.
+using Token = std::shared_ptr<int>;
+
+TEST(ActuatorCallbackReplacement, ReplacedFeedbackCallbackIsReleasedAtOnceAfterItHasRun) {
+    RecordingTransport transport;
+    OrreryActuator actuator(transport, 0x21);
+    Token token = std::make_shared<int>(0);
+    actuator.set_feedback_callback([token](int, OrreryActuator::FeedbackMap) { ++*token; });
+    transport.deliver(0x21, Bytes{0x41} + f32(1.0f), 0);
+    ASSERT_EQ(*token, 1);
+    actuator.set_feedback_callback(nullptr);
+    EXPECT_EQ(token.use_count(), 1);
+}
+
+TEST(ActuatorCallbackReplacement, ReplacedErrorCallbackIsReleasedAtOnceAfterItHasRun) {
+    RecordingTransport transport;
+    OrreryActuator actuator(transport, 0x21);
+    Token token = std::make_shared<int>(0);
+    actuator.set_error_callback([token](int, OrreryActuator::ErrorMap) { ++*token; });
+    transport.deliver(0x21, error_reply(1u << 0));
+    ASSERT_EQ(*token, 1);
+    actuator.set_error_callback([](int, OrreryActuator::ErrorMap) {});
+    EXPECT_EQ(token.use_count(), 1);
+}
+
+TEST(ActuatorCallbackReplacement, CallbackReplacedWhileRunningLivesUntilItReturns) {
+    RecordingTransport transport;
+    OrreryActuator actuator(transport, 0x21);
+    Token token = std::make_shared<int>(0);
+    long count_inside_after_replacement = 0;
+    actuator.set_feedback_callback([token, &actuator, &count_inside_after_replacement](int, OrreryActuator::FeedbackMap) {
+        actuator.set_feedback_callback(nullptr);
+        // Still running: what it captured must still be there.
+        count_inside_after_replacement = token.use_count();
+        ++*token;
+    });
+    transport.deliver(0x21, Bytes{0x41} + f32(1.0f), 0);
+    EXPECT_EQ(*token, 1);
+    EXPECT_EQ(count_inside_after_replacement, 2);
+    EXPECT_EQ(token.use_count(), 1);
+}
+
+TEST(ActuatorCallbackReplacement, ReplacedCallbackThatNeverRanIsReleasedAtOnce) {
+    RecordingTransport transport;
+    OrreryActuator actuator(transport, 0x21);
+    Token token = std::make_shared<int>(0);
+    actuator.set_feedback_callback([token](int, OrreryActuator::FeedbackMap) {});
+    actuator.set_feedback_callback(nullptr);
+    EXPECT_EQ(token.use_count(), 1);
+}
+
+}  // namespace

@@ -7,6 +7,7 @@
 #include <set>
 
 #include "common/timing.hpp"
+#include "ocp_api/codec.hpp"
 #include "ocp_api/orrery_actuator.hpp"
 #include "support/device_replies.hpp"
 #include "support/recording_transport.hpp"
@@ -30,7 +31,7 @@ public:
             --answers_left_;
             Bytes reply{static_cast<uint8_t>(wire::RecordCode::PARAMETERS)};
             for (std::size_t i = 1; i < frame.size(); ++i)
-                wire::append_typed_parameter_record(reply, frame[i], frame[i]);
+                ocp_api::codec::ParameterEntry::of(frame[i], frame[i]).encode_into(reply);
             if (from_other_thread) {
                 transport_.deliver_later(address, reply, 0, std::chrono::milliseconds(5));
             } else {

@@ -10,6 +10,7 @@
 #include <iostream>
 #include <streambuf>
 
+#include "ocp_api/identifier_tables.hpp"
 #include "ocp_api/orrery_actuator.hpp"
 #include "ocp_api/wire.hpp"
 #include "support/fuzz_input.hpp"
@@ -74,7 +75,7 @@ bool all_items_valid(const OrreryActuator::FeedbackMap& items) {
 }
 
 bool is_known_error_bit(int bit) {
-    for (const auto& known : ocp_api::wire::ERROR_BITS)
+    for (const auto& known : ocp_api::tables::ERROR_BITS)
         if (known.bit == bit) return true;
     return false;
 }

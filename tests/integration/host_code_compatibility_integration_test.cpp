@@ -5,6 +5,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "ocp_api/codec.hpp"
 #include "ocp_api/orrery_actuator.hpp"
 #include "support/device_replies.hpp"
 #include "support/recording_transport.hpp"
@@ -79,7 +80,7 @@ TEST(HostCodeCompatibilityIntegration, PhysicalActuatorOverARecordingTransport) 
         if (is_command(frame, wire::Command::GET_PARAMETERS)) {
             Bytes reply{static_cast<uint8_t>(wire::RecordCode::PARAMETERS)};
             for (std::size_t i = 1; i < frame.size(); ++i)
-                wire::append_typed_parameter_record(reply, frame[i], 2.0f);
+                ocp_api::codec::ParameterEntry::of(frame[i], 2.0f).encode_into(reply);
             transport.deliver(address, reply);
         }
     });

@@ -1,3 +1,4 @@
+#include "ocp_api/identifier_tables.hpp"
 #include "ocp_api/identifiers.hpp"
 
 #include <gtest/gtest.h>
@@ -52,9 +53,10 @@ TYPED_TEST(Identifiers_, Modes) {
 }
 
 TEST(Identifiers, ModelTable) {
-    EXPECT_EQ(MODEL_NAME_TABLE.size(), 11u);
-    EXPECT_STREQ(MODEL_NAME_TABLE[MODEL_CODE_CAN_ADAPTER], "CAN_ADAPTER");
-    EXPECT_STREQ(MODEL_NAME_TABLE[3], "HERON_A");
+    EXPECT_EQ(tables::MODELS.size(), 11u);
+    EXPECT_EQ(model_name_of(MODEL_CODE_CAN_ADAPTER), "CAN_ADAPTER");
+    EXPECT_EQ(model_name_of(3), "HERON_A");
+    EXPECT_EQ(model_name_of(11), "");
 }
 
 TEST(Identifiers, CodesAndConversionBetweenTheTwoClasses) {

@@ -1,3 +1,4 @@
+#include "ocp_api/codec.hpp"
 #include "ocp_api/message_decoder.hpp"
 
 #include <gtest/gtest.h>
@@ -21,7 +22,7 @@ Bytes command(wire::Command code) { return wire::make_frame(code); }
 
 Bytes item_record(Items item, float value) {
     Bytes record;
-    wire::append_item_record(record, code_of(item), value);
+    ocp_api::codec::ItemRecord::of(code_of(item), value).encode_into(record);
     return record;
 }
 
@@ -71,7 +72,7 @@ TEST(MessageDecoder, FloatsReadBackExactly) {
 
 TEST(MessageDecoder, FeedbackRateWithItsFrequency) {
     Bytes rate = command(wire::Command::SET_FEEDBACK_RATE);
-    wire::append_u32(rate, wire::feedback_period_from_hz(1000));
+    wire::append_u32(rate, ocp_api::codec::SetFeedbackRate::from_hz(1000).period);
     EXPECT_EQ(command_text(rate), "SET_FEEDBACK_RATE period=1000Hz(10)");
     Bytes off = command(wire::Command::SET_FEEDBACK_RATE);
     wire::append_u32(off, 0);
@@ -89,9 +90,9 @@ TEST(MessageDecoder, ItemListsByName) {
 
 TEST(MessageDecoder, ParametersByNameWithValues) {
     Bytes set = command(wire::Command::SET_PARAMETERS);
-    wire::append_parameter_record(set, code_of(Parameters::LIMIT_TORQUE), 2.5f);
-    wire::append_parameter_record(set, code_of(Parameters::MODE), 7.0f);
-    wire::append_parameter_record(set, code_of(Parameters::ADDRESS), 48.0f);
+    ocp_api::codec::ParameterSetting{code_of(Parameters::LIMIT_TORQUE), 2.5f}.encode_into(set);
+    ocp_api::codec::ParameterSetting{code_of(Parameters::MODE), 7.0f}.encode_into(set);
+    ocp_api::codec::ParameterSetting{code_of(Parameters::ADDRESS), 48.0f}.encode_into(set);
     EXPECT_EQ(command_text(set), "SET_PARAMETERS LIMIT_TORQUE=2.5 MODE=POSITION(7) ADDRESS=48");
     EXPECT_EQ(command_text({0x0C, 0x04, 0x30}), "GET_PARAMETERS LIMIT_TORQUE MODE");
     EXPECT_EQ(command_text({0x0D, 0x02}), "SET_TORQUE_PERFORMANCE preset=2");
@@ -103,7 +104,7 @@ TEST(MessageDecoder, CommandJson) {
               R"({"direction":"host_to_device","bytes":"0307","parts":[{"name":"SET_MODE","code":3,"values":[)"
               R"({"name":"mode","type":"u8","value":7,"meaning":"POSITION"}]}]})");
     Bytes set = command(wire::Command::SET_PARAMETERS);
-    wire::append_parameter_record(set, code_of(Parameters::LIMIT_TORQUE), 2.5f);
+    ocp_api::codec::ParameterSetting{code_of(Parameters::LIMIT_TORQUE), 2.5f}.encode_into(set);
     EXPECT_EQ(decode_command(set).json(),
               R"({"direction":"host_to_device","bytes":"0b0400002040","parts":[{"name":"SET_PARAMETERS","code":11,)"
               R"("values":[{"name":"LIMIT_TORQUE","code":4,"type":"f32","value":2.5}]}]})");
@@ -183,9 +184,9 @@ TEST(MessageDecoder, ErrorFlagsWithDescriptions) {
 
 TEST(MessageDecoder, ParametersInTheirWireTypes) {
     Bytes buffer{static_cast<uint8_t>(wire::RecordCode::PARAMETERS)};
-    wire::append_typed_parameter_record(buffer, code_of(Parameters::LIMIT_TORQUE), 2.5f);
-    wire::append_typed_parameter_record(buffer, code_of(Parameters::DEVICE_80), 12.0f);
-    wire::append_typed_parameter_record(buffer, code_of(Parameters::MODE), 6.0f);
+    ocp_api::codec::ParameterEntry::of(code_of(Parameters::LIMIT_TORQUE), 2.5f).encode_into(buffer);
+    ocp_api::codec::ParameterEntry::of(code_of(Parameters::DEVICE_80), 12.0f).encode_into(buffer);
+    ocp_api::codec::ParameterEntry::of(code_of(Parameters::MODE), 6.0f).encode_into(buffer);
     EXPECT_EQ(reply_text(buffer), "PARAMETERS LIMIT_TORQUE=2.5 DEVICE_80=12 MODE=SPEED(6)");
     buffer.push_back(0x00);
     EXPECT_TRUE(decode_reply(buffer).well_formed()) << "a zero code ends the entries";

@@ -1,3 +1,4 @@
+#include "ocp_api/codec.hpp"
 #include "ocp_api/wire.hpp"
 
 #include <gtest/gtest.h>
@@ -39,13 +40,13 @@ TEST(Integers, LittleEndianRoundTrip) {
 }
 
 TEST(FeedbackPeriod, RoundedIntegerDivisionOfTenThousand) {
-    EXPECT_EQ(feedback_period_from_hz(0), 0u);
-    EXPECT_EQ(feedback_period_from_hz(1000), 10u);
-    EXPECT_EQ(feedback_period_from_hz(3), 3333u);
-    EXPECT_EQ(feedback_period_from_hz(10000), 1u);
-    EXPECT_EQ(feedback_period_from_hz(6667), 1u);
-    EXPECT_EQ(feedback_period_from_hz(7), 1429u);
-    EXPECT_EQ(feedback_period_from_hz(1), 10000u);
+    EXPECT_EQ(ocp_api::codec::SetFeedbackRate::from_hz(0).period, 0u);
+    EXPECT_EQ(ocp_api::codec::SetFeedbackRate::from_hz(1000).period, 10u);
+    EXPECT_EQ(ocp_api::codec::SetFeedbackRate::from_hz(3).period, 3333u);
+    EXPECT_EQ(ocp_api::codec::SetFeedbackRate::from_hz(10000).period, 1u);
+    EXPECT_EQ(ocp_api::codec::SetFeedbackRate::from_hz(6667).period, 1u);
+    EXPECT_EQ(ocp_api::codec::SetFeedbackRate::from_hz(7).period, 1429u);
+    EXPECT_EQ(ocp_api::codec::SetFeedbackRate::from_hz(1).period, 10000u);
 }
 
 TEST(ItemEncoding, ExactlyFortyEightCodesAreValid) {
@@ -76,9 +77,9 @@ TEST(ItemEncoding, ValuesDecodeByTheirWireType) {
 
 TEST(ItemEncoding, DeviceSideEncodingIsTheInverseOfDecoding) {
     Frame frame;
-    append_item_record(frame, code_of(OCP_Items::ERRORS_90), 3.0f);
-    append_item_record(frame, code_of(OCP_Items::ITEM_4A), -2.0f);
-    append_item_record(frame, code_of(OCP_Items::POS_FB_41), 1.0f);
+    ocp_api::codec::ItemRecord::of(code_of(OCP_Items::ERRORS_90), 3.0f).encode_into(frame);
+    ocp_api::codec::ItemRecord::of(code_of(OCP_Items::ITEM_4A), -2.0f).encode_into(frame);
+    ocp_api::codec::ItemRecord::of(code_of(OCP_Items::POS_FB_41), 1.0f).encode_into(frame);
     EXPECT_EQ(frame, (Bytes{0x90, 3, 0, 0, 0, 0x4A, 0xFE, 0xFF, 0xFF, 0xFF, 0x41, 0x00, 0x00, 0x80, 0x3F}));
     // Out-of-range values saturate rather than overflow.
     EXPECT_EQ(encode_item_value(0x90, -5.0f), 0u);
@@ -110,10 +111,10 @@ TEST(ParameterEncoding, ModeTruncatesAndIntegerParametersReadIntegers) {
 
 TEST(ParameterEncoding, HostRecordsCarryFloatBytesDeviceRecordsTheWireType) {
     Frame host;
-    append_parameter_record(host, code_of(OCP_Parameters::DEVICE_80), 20000.0f);
+    ocp_api::codec::ParameterSetting{code_of(OCP_Parameters::DEVICE_80), 20000.0f}.encode_into(host);
     EXPECT_EQ(host, (Bytes{0x80, 0x00, 0x40, 0x9C, 0x46}));
     Frame device;
-    append_typed_parameter_record(device, code_of(OCP_Parameters::DEVICE_80), 20000.0f);
+    ocp_api::codec::ParameterEntry::of(code_of(OCP_Parameters::DEVICE_80), 20000.0f).encode_into(device);
     EXPECT_EQ(device, (Bytes{0x80, 0x20, 0x4E, 0x00, 0x00}));
 }
 

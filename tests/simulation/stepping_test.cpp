@@ -2,8 +2,10 @@
 
 #include <cmath>
 #include <limits>
+#include <vector>
 
 #include "ocp_api/orrery_actuator_virtual.hpp"
+#include "support/failing_allocation.hpp"
 
 namespace {
 
@@ -269,6 +271,75 @@ TEST(VirtualFeedback, DuplicateItemsGiveOneEntry) {
     OrreryActuatorVirtual actuator(0x21);
     actuator.set_feedback_items({Items::VBUS_70, Items::VBUS_70});
     EXPECT_EQ(actuator.get_feedback().size(), 1u);
+}
+
+// The snapshot map as a step leaves it: cleared and refilled in item order,
+// from a map that began with the default bucket count and a maximum load
+// factor of 1.0 and went through the same history. Its iteration order is
+// what the host sees in get_feedback, step's result and the callback.
+std::vector<Items> order_of(const FeedbackMap& map) {
+    std::vector<Items> order;
+    for (const auto& entry : map) order.push_back(entry.first);
+    return order;
+}
+
+FeedbackMap refilled(FeedbackMap map, const std::vector<Items>& items) {
+    map.clear();
+    for (const Items item : items) map[item] = 0.0f;
+    return map;
+}
+
+std::vector<Items> first_items(std::size_t count) {
+    return std::vector<Items>(OrreryActuatorVirtual::ALL_ITEMS.begin(),
+                              OrreryActuatorVirtual::ALL_ITEMS.begin() + static_cast<std::ptrdiff_t>(count));
+}
+
+TEST(VirtualFeedback, SnapshotAfterAStepIteratesAsAClearedAndRefilledMap) {
+    const std::vector<Items> defaults{Items::POS_FB_4C, Items::SPD_FB_45, Items::T_FB_56};
+    for (std::size_t count : {3u, 10u, 22u, 48u}) {
+        SCOPED_TRACE(count);
+        const std::vector<Items> items = first_items(count);
+        FeedbackMap reference;
+        reference.max_load_factor(1.0f);
+        reference = refilled(std::move(reference), defaults);  // construction
+        reference = refilled(std::move(reference), items);     // set_feedback_items
+        reference = refilled(std::move(reference), items);     // the step
+
+        OrreryActuatorVirtual actuator(0x21);
+        actuator.set_feedback_items(items);
+        FeedbackMap seen_by_callback;
+        actuator.set_feedback_callback([&](int, FeedbackMap map) { seen_by_callback = std::move(map); });
+        actuator.set_feedback_rate(10000);
+        const FeedbackMap returned = actuator.step(std::nullopt, 1);
+        EXPECT_EQ(order_of(actuator.get_feedback()), order_of(reference));
+        EXPECT_EQ(order_of(returned), order_of(reference));
+        EXPECT_EQ(order_of(seen_by_callback), order_of(reference));
+        EXPECT_EQ(actuator.get_feedback().bucket_count(), reference.bucket_count());
+    }
+}
+
+TEST(VirtualFeedback, SnapshotOrderStaysThatOfARefilledMapOverManySteps) {
+    const std::vector<Items> items = first_items(22);
+    OrreryActuatorVirtual actuator(0x21);
+    FeedbackMap reference;
+    reference.max_load_factor(1.0f);
+    reference = refilled(std::move(reference), {Items::POS_FB_4C, Items::SPD_FB_45, Items::T_FB_56});
+    actuator.set_feedback_items(items);
+    reference = refilled(std::move(reference), items);
+    for (int i = 0; i < 5; ++i) {
+        actuator.step(std::nullopt, 1);
+        reference = refilled(std::move(reference), items);
+        EXPECT_EQ(order_of(actuator.get_feedback()), order_of(reference));
+    }
+}
+
+TEST(VirtualFeedback, StartStepsAllocatesNothingOnceTheItemsHaveSettled) {
+    OrreryActuatorVirtual actuator(0x21);
+    actuator.set_feedback_items(first_items(22));
+    actuator.start();
+    actuator.start_steps(1);
+    ocp_test::FailingAllocation short_of_memory;
+    EXPECT_NO_THROW(actuator.start_steps(10));
 }
 
 TEST(VirtualLiveness, FlagsFollowConnectStartStopDisconnect) {

@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -96,6 +97,52 @@ TEST_F(OcpctlDump, ReadsStandardInput) {
     EXPECT_EQ(result.exit_status, 0);
     EXPECT_EQ(result.out.substr(0, result.out.find('\n')), "1700000000.000100 vcan0 0x21 to-device PING");
     EXPECT_EQ(result.err, "ocpctl: standard input:8: not a candump -L line: no (seconds.microseconds) timestamp\n");
+}
+
+TEST(OcpctlDumpArguments, TimestampPastTheYear2262IsRefusedWithAReason) {
+    const fs::path log = fs::temp_directory_path() / ("ocpctl_dump_" + std::to_string(getpid()) + "_far_future.log");
+    std::ofstream(log) << "(9300000000.000000) vcan0 00D04021#0580030042080000\n"
+                          "(1700000000.000300) vcan0 00D04021#058003004208\n";
+    const auto result = ocpctl({"dump", "--log", log.string()});
+    fs::remove(log);
+    EXPECT_EQ(result.exit_status, 0);
+    EXPECT_EQ(result.out, "1700000000.000300 vcan0 0x21 to-host PING_REPLY model=HERON_A(3) firmware=1.1.2(0x0842)\n");
+    EXPECT_NE(result.err.find(":1: not a candump -L line: timestamp past the year 2262 (at most 9223368436 s)"),
+              std::string::npos)
+        << result.err;
+}
+
+TEST(OcpctlDumpArguments, InterfaceNamesAreShownSafelyAndTheirNumberIsBounded) {
+    const fs::path log = fs::temp_directory_path() / ("ocpctl_dump_" + std::to_string(getpid()) + "_names.log");
+    {
+        std::ofstream file(log);
+        file << "(1700000000.000100) v\x1b[2Jcan0 00D00021#0140\n"
+                "(1700000000.000200) v\xff\xfe 00D00021#0140\n";
+        for (int i = 0; i < 300; ++i) file << "(1700000000.001000) can" << i << " 00D00021#0140\n";
+    }
+    const auto text = ocpctl({"dump", "--log", log.string()});
+    EXPECT_EQ(text.exit_status, 0);
+    std::istringstream lines(text.out);
+    std::string first, second;
+    std::getline(lines, first);
+    std::getline(lines, second);
+    EXPECT_EQ(first, "1700000000.000100 v\\x1b[2Jcan0 0x21 to-device PING");
+    EXPECT_EQ(second, "1700000000.000200 v\\xff\\xfe 0x21 to-device PING");
+    EXPECT_EQ(std::count(text.out.begin(), text.out.end(), '\n'), 256);
+    EXPECT_EQ(text.err, "ocpctl: " + log.string() + ": 46 frames on interfaces after the first 256 were not decoded\n");
+
+    const auto json = ocpctl({"dump", "--log", log.string(), "--json"});
+    fs::remove(log);
+    EXPECT_EQ(json.exit_status, 0);
+    std::istringstream json_lines(json.out);
+    std::size_t objects = 0;
+    for (std::string line; std::getline(json_lines, line); ++objects) {
+        const auto object = nlohmann::json::parse(line);  // every line is valid JSON (and UTF-8)
+        if (objects == 1) {
+            EXPECT_EQ(object["interface"], "v\\xff\\xfe");
+        }
+    }
+    EXPECT_EQ(objects, 256u);
 }
 
 TEST(OcpctlDumpArguments, MissingOrUnreadableLogIsAUsageError) {

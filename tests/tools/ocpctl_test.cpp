@@ -1,6 +1,8 @@
 // ocpctl run as a process on the simulated bus, as a user runs it.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <csignal>
 #include <filesystem>
 #include <algorithm>
@@ -216,6 +218,18 @@ TEST(Ocpctl, ParamsLoadChecksTheWholeFileFirst) {
          "ocpctl: " + name + " is for the device at 0x22, not 0x21 (ocpctl address moves a device)\n"},
         {R"({"values": {}})", "ocpctl: " + name + " has no \"parameters\" (write one with ocpctl params dump)\n"},
         {R"({"parameters": [)", "ocpctl: " + name + " is not JSON: "},
+        {R"({"parameters":{"LIMIT_TORQUE":1,"LIMIT_TORQUE":3}})",
+         "ocpctl: " + name + " gives the key \"LIMIT_TORQUE\" twice\n"},
+        {R"({"parameters": {"MODE": -1000000000}})",
+         "ocpctl: " + name + ": MODE = -1000000000 is not a control mode (5 TORQUE, 6 SPEED, 7 POSITION, "
+                             "8 IMPEDANCE) (--force sends it anyway)\n"},
+        {R"({"parameters": {"MODE": 3}})", "ocpctl: " + name + ": MODE = 3 is not a control mode ("},
+        {R"({"parameters": {"CAN_HIGH_SPEED": 5}})",
+         "ocpctl: " + name + ": CAN_HIGH_SPEED = 5 is not 0 (off) or 1 (on) (--force sends it anyway)\n"},
+        {R"({"parameters": {"DEVICE_80": 1.5}})",
+         "ocpctl: " + name + ": DEVICE_80 = 1.5 is not a whole number from 0 to 4294967295 (--force sends it anyway)\n"},
+        {R"({"parameters": {"LIMIT_SPEED_MIN": 5, "LIMIT_SPEED_MAX": 1}})",
+         "ocpctl: " + name + ": LIMIT_SPEED_MIN = 5 is above LIMIT_SPEED_MAX = 1 (--force sends it anyway)\n"},
     };
     for (const auto& [text, message] : cases) {
         std::ofstream(file) << text;
@@ -231,6 +245,64 @@ TEST(Ocpctl, ParamsLoadChecksTheWholeFileFirst) {
     const auto missing = ocpctl({"params", "load", "0x21", name});
     EXPECT_EQ(missing.exit_status, 2);
     EXPECT_EQ(missing.err, "ocpctl: cannot read " + name + ": No such file or directory\n");
+}
+
+TEST(Ocpctl, ParamsLoadRefusesWhatIsNoParametersFile) {
+    const fs::path directory = scratch_path("directory");
+    fs::create_directory(directory);
+    const auto from_directory = ocpctl({"params", "load", "0x21", directory.string()});
+    EXPECT_EQ(from_directory.exit_status, 2);
+    EXPECT_EQ(from_directory.err, "ocpctl: " + directory.string() + " is a directory, not a parameters file\n");
+    fs::remove(directory);
+
+    // A FIFO with no writer: refused at once, never opened (which would wait).
+    const fs::path fifo = scratch_path("fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const auto from_fifo = ocpctl({"params", "load", "0x21", fifo.string()});
+    EXPECT_EQ(from_fifo.exit_status, 2);
+    EXPECT_EQ(from_fifo.err,
+              "ocpctl: " + fifo.string() + " is not a regular file (write one with ocpctl params dump)\n");
+    fs::remove(fifo);
+
+    const fs::path large = scratch_path("large.json");
+    {
+        std::ofstream file(large);
+        file << R"({"parameters": {"LIMIT_TORQUE": 1}})" << std::string((1 << 20), ' ');
+    }
+    const auto from_large = ocpctl({"params", "load", "0x21", large.string()});
+    EXPECT_EQ(from_large.exit_status, 2);
+    EXPECT_EQ(from_large.err, "ocpctl: " + large.string() + " is 1048611 bytes; a parameters file is at most 1048576 bytes\n");
+    EXPECT_EQ(from_large.out, "");
+    fs::remove(large);
+}
+
+TEST(Ocpctl, ParamsLoadTakesAModeByNameAndForcedValues) {
+    const fs::path file = scratch_path("mode_name.json");
+    std::ofstream(file) << R"({"parameters": {"MODE": "position", "LIMIT_TORQUE": 3}})";
+    const auto by_name = ocpctl({"params", "load", "0x21", file.string()});
+    EXPECT_EQ(by_name.exit_status, 0) << by_name.err;
+    EXPECT_EQ(by_name.out, "0x21: 2 parameters loaded and read back equal (not saved: ocpctl save or --save keeps them)\n");
+    std::ofstream(file) << R"({"parameters": {"LIMIT_SPEED_MIN": 5, "LIMIT_SPEED_MAX": 1}})";
+    const auto forced = ocpctl({"params", "load", "0x21", file.string(), "--force"});
+    EXPECT_EQ(forced.exit_status, 0) << forced.err;
+    fs::remove(file);
+}
+
+TEST(Ocpctl, ParamsSetRefusesValuesAParameterCannotHoldUnlessForced) {
+    const auto mode = ocpctl({"params", "set", "0x21", "MODE=3"});
+    EXPECT_EQ(mode.exit_status, 2);
+    EXPECT_EQ(mode.out, "");
+    EXPECT_EQ(mode.err, "ocpctl: MODE = 3 is not a control mode (5 TORQUE, 6 SPEED, 7 POSITION, 8 IMPEDANCE) "
+                        "(--force sends it anyway)\n");
+    const auto speed = ocpctl({"params", "set", "0x21", "CAN_HIGH_SPEED=5"});
+    EXPECT_EQ(speed.exit_status, 2);
+    EXPECT_EQ(speed.err, "ocpctl: CAN_HIGH_SPEED = 5 is not 0 (off) or 1 (on) (--force sends it anyway)\n");
+    const auto by_name = ocpctl({"params", "set", "0x21", "mode=position"});
+    EXPECT_EQ(by_name.exit_status, 0) << by_name.err;
+    EXPECT_EQ(by_name.out, "MODE                   7 (POSITION)\n");
+    const auto forced = ocpctl({"params", "set", "0x21", "MODE=3", "--force"});
+    EXPECT_EQ(forced.exit_status, 0) << forced.err;
+    EXPECT_EQ(forced.out, "MODE                   3\n");
 }
 
 TEST(Ocpctl, ParamsSetPrintsWhatTheDeviceHolds) {
@@ -501,26 +573,48 @@ TEST(Ocpctl, CtrlCEndsTheWaitForASilentDevice) {
     std::printf("exited %lld ms after SIGINT\n", static_cast<long long>(result.exit_delay.count()));
 }
 
+TEST(Ocpctl, SimulateWritesRowsAsItGoesAndRefusesAnOversizedPlot) {
+    // A billion simulated seconds: the first rows arrive at once, and closing
+    // the pipe ends the run instead of memory filling with rows not yet written.
+    ocp_test::ProcessEvents events;
+    events.close_stdout_after_lines = 3;
+    events.limit = std::chrono::seconds(60);
+    const auto streamed = run_process({OCPCTL_PATH, "simulate", "--mode", "position", "--setpoint", "1", "--duration",
+                                       "1e9"},
+                                      events);
+    EXPECT_EQ(streamed.out.rfind("time_s,POS_FB_4C,SPD_FB_45,T_FB_56\n0.000000,0,0,0\n", 0), 0u) << streamed.out;
+    EXPECT_NE(streamed.exit_status, -1);
+    EXPECT_GE(streamed.exit_delay.count(), 0);
+
+    const fs::path plot = scratch_path("huge.png");
+    const auto refused = ocpctl({"simulate", "--mode", "position", "--setpoint", "1", "--duration", "1e9", "--plot",
+                                 plot.string()});
+    EXPECT_EQ(refused.exit_status, 2);
+    EXPECT_EQ(refused.err, "ocpctl: --plot draws at most 1000000 samples, not 1000000000000 (a shorter --duration or "
+                           "a lower --rate)\n");
+    EXPECT_FALSE(fs::exists(plot));
+}
+
 TEST(Ocpctl, ListItemsAndParameters) {
     const auto items = ocpctl({"list", "items"});
     ASSERT_EQ(items.exit_status, 0) << items.err;
     const auto item_lines = lines_of(items.out);
     ASSERT_EQ(item_lines.size(), 1u + 48u);
-    EXPECT_EQ(item_lines[0], "CODE   NAME                 TYPE  MEANING");
-    EXPECT_EQ(item_lines[1], "0x41   POS_FB_41            f32   position feedback");
-    EXPECT_EQ(item_lines[2], "0x42   ITEM_42              u32   unsigned integer quantity");
-    EXPECT_EQ(item_lines[10], "0x4a   ITEM_4A              i32   signed integer quantity");
-    EXPECT_EQ(item_lines[48], "0x9a   ITEM_9A              f32   quantity not named");
-    EXPECT_NE(items.out.find("0x90   ERRORS_90            u32   error state word"), std::string::npos);
+    EXPECT_EQ(item_lines[0], "CODE   NAME                 TYPE  UNIT            MEANING");
+    EXPECT_EQ(item_lines[1], "0x41   POS_FB_41            f32   not documented  position feedback");
+    EXPECT_EQ(item_lines[2], "0x42   ITEM_42              u32   not documented  unsigned integer quantity");
+    EXPECT_EQ(item_lines[10], "0x4a   ITEM_4A              i32   not documented  signed integer quantity");
+    EXPECT_EQ(item_lines[48], "0x9a   ITEM_9A              f32   not documented  not documented");
+    EXPECT_NE(items.out.find("0x90   ERRORS_90            u32   none            error state word"), std::string::npos);
 
     const auto parameters = ocpctl({"list", "params"});
     ASSERT_EQ(parameters.exit_status, 0) << parameters.err;
     const auto parameter_lines = lines_of(parameters.out);
     ASSERT_EQ(parameter_lines.size(), 1u + 31u);
-    EXPECT_EQ(parameter_lines[1], "0x01   K_DAMP               f32   impedance damping gain");
-    EXPECT_EQ(parameter_lines[16].rfind("0x30   MODE                 mode  current control mode", 0), 0u);
-    EXPECT_EQ(parameter_lines[26], "0x80   DEVICE_80            u32   integer device setting");
-    EXPECT_EQ(parameter_lines[31], "0x85   CAN_HIGH_SPEED       f32   CAN high-speed flag (1 on, 0 off)");
+    EXPECT_EQ(parameter_lines[1], "0x01   K_DAMP               f32   not documented  impedance damping gain");
+    EXPECT_EQ(parameter_lines[16].rfind("0x30   MODE                 mode  none            current control mode", 0), 0u);
+    EXPECT_EQ(parameter_lines[26], "0x80   DEVICE_80            u32   not documented  integer device setting");
+    EXPECT_EQ(parameter_lines[31], "0x85   CAN_HIGH_SPEED       f32   none            CAN high-speed flag (1 on, 0 off)");
     for (const auto& line : parameter_lines) EXPECT_EQ(line.find("  \n"), std::string::npos);
 }
 

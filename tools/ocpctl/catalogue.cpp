@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdio>
 
+#include <ocp_api/identifier_tables.hpp>
 #include <ocp_api/wire.hpp>
 
 #include "cli_support.hpp"
@@ -13,77 +14,6 @@ namespace {
 
 using OCP_Items = Item;
 using OCP_Parameters = Parameter;
-
-struct ItemMeaning {
-    OCP_Items item;
-    const char* meaning;
-};
-
-// Items not listed here carry a quantity the device does not name.
-constexpr ItemMeaning ITEM_MEANINGS[] = {
-    {OCP_Items::POS_FB_41, "position feedback"},
-    {OCP_Items::ITEM_42, "unsigned integer quantity"},
-    {OCP_Items::POS_FB_43, "position feedback, second form"},
-    {OCP_Items::ITEM_44, "unsigned integer quantity"},
-    {OCP_Items::SPD_FB_45, "speed feedback"},
-    {OCP_Items::T_FB_49, "torque feedback"},
-    {OCP_Items::ITEM_4A, "signed integer quantity"},
-    {OCP_Items::REF_4B, "active reference (setpoint)"},
-    {OCP_Items::POS_FB_4C, "position feedback, third form"},
-    {OCP_Items::REF_4D, "active reference, second form"},
-    {OCP_Items::REF_55, "active reference, third form"},
-    {OCP_Items::T_FB_56, "torque feedback, second form"},
-    {OCP_Items::POWER_MEC_5A, "mechanical power: torque times speed"},
-    {OCP_Items::I_DC_5B, "DC current: mechanical power divided by bus voltage"},
-    {OCP_Items::POWER_5D, "power: torque times speed, second form"},
-    {OCP_Items::ITEM_60, "unsigned integer quantity"},
-    {OCP_Items::ITEM_61, "unsigned integer quantity"},
-    {OCP_Items::ITEM_62, "unsigned integer quantity"},
-    {OCP_Items::VBUS_70, "bus voltage"},
-    {OCP_Items::TEMP_AUX_71, "a second temperature (beside the winding temperature)"},
-    {OCP_Items::TEMP_WINDING_72, "winding temperature"},
-    {OCP_Items::POS_FB_73, "position feedback, fourth form"},
-    {OCP_Items::ERRORS_90, "error state word (bits decoded when printed)"},
-};
-
-struct ParameterMeaning {
-    OCP_Parameters parameter;
-    const char* meaning;
-};
-
-constexpr ParameterMeaning PARAMETER_MEANINGS[] = {
-    {OCP_Parameters::K_DAMP, "impedance damping gain"},
-    {OCP_Parameters::K_STIFF, "impedance stiffness gain"},
-    {OCP_Parameters::T_FF, "torque feed-forward"},
-    {OCP_Parameters::LIMIT_TORQUE, "torque limit"},
-    {OCP_Parameters::LIMIT_POSITION_MAX, "upper position limit"},
-    {OCP_Parameters::LIMIT_POSITION_MIN, "lower position limit"},
-    {OCP_Parameters::LIMIT_SPEED_MAX, "upper speed limit"},
-    {OCP_Parameters::LIMIT_SPEED_MIN, "lower speed limit"},
-    {OCP_Parameters::PROFILE_POSITION_MAX, "motion-profile upper position"},
-    {OCP_Parameters::PROFILE_POSITION_MIN, "motion-profile lower position"},
-    {OCP_Parameters::PROFILE_SPEED_MAX, "motion-profile upper speed"},
-    {OCP_Parameters::PROFILE_SPEED_MIN, "motion-profile lower speed"},
-    {OCP_Parameters::SETPOINT_AUX_0D, "auxiliary quantity of the torque, speed and position setpoints"},
-    {OCP_Parameters::SETPOINT_AUX_0E, "auxiliary quantity of the torque, speed and position setpoints"},
-    {OCP_Parameters::SETPOINT_AUX_0F, "auxiliary quantity of the torque and position setpoints"},
-    {OCP_Parameters::MODE, "current control mode (5 torque, 6 speed, 7 position, 8 impedance)"},
-    {OCP_Parameters::SETPOINT, "current main setpoint"},
-    {OCP_Parameters::TORQUE_PERFORMANCE, "torque performance preset"},
-    {OCP_Parameters::SPEED_PERFORMANCE, "speed performance preset"},
-    {OCP_Parameters::TUNING_42, "device tuning value"},
-    {OCP_Parameters::TUNING_43, "device tuning value"},
-    {OCP_Parameters::TUNING_44, "device tuning value"},
-    {OCP_Parameters::SPEED_FF, "speed feed-forward"},
-    {OCP_Parameters::TUNING_46, "device tuning value"},
-    {OCP_Parameters::TUNING_47, "device tuning value"},
-    {OCP_Parameters::DEVICE_80, "integer device setting"},
-    {OCP_Parameters::ADDRESS, "the device's bus address"},
-    {OCP_Parameters::DEVICE_82, "integer device setting"},
-    {OCP_Parameters::DEVICE_83, "integer device setting"},
-    {OCP_Parameters::DEVICE_84, "integer device setting"},
-    {OCP_Parameters::CAN_HIGH_SPEED, "CAN high-speed flag (1 on, 0 off)"},
-};
 
 std::string_view type_name(ocp_api::wire::ValueType type) {
     switch (type) {
@@ -113,7 +43,7 @@ std::string describe_error_word(float value) {
     std::snprintf(text, sizeof text, "0x%08x", static_cast<unsigned>(word));
     std::string bits;
     uint32_t known = 0;
-    for (const auto& bit : ocp_api::wire::ERROR_BITS) {
+    for (const auto& bit : ocp_api::tables::ERROR_BITS) {
         known |= 1u << bit.bit;
         if ((word >> bit.bit) & 1u) bits += (bits.empty() ? "" : ", ") + std::string(bit.description);
     }
@@ -127,18 +57,16 @@ std::string describe_error_word(float value) {
 
 }  // namespace
 
-std::string_view item_meaning(OCP_Items item) {
-    for (const auto& entry : ITEM_MEANINGS) {
-        if (entry.item == item) return entry.meaning;
-    }
-    return "quantity not named";
-}
+std::string_view item_meaning(OCP_Items item) { return ocp_api::find_item(static_cast<uint8_t>(item))->meaning; }
 
 std::string_view parameter_meaning(OCP_Parameters parameter) {
-    for (const auto& entry : PARAMETER_MEANINGS) {
-        if (entry.parameter == parameter) return entry.meaning;
-    }
-    return "";
+    return ocp_api::find_parameter(static_cast<uint8_t>(parameter))->meaning;
+}
+
+std::string_view item_unit(OCP_Items item) { return ocp_api::find_item(static_cast<uint8_t>(item))->unit; }
+
+std::string_view parameter_unit(OCP_Parameters parameter) {
+    return ocp_api::find_parameter(static_cast<uint8_t>(parameter))->unit;
 }
 
 std::string_view item_wire_type(OCP_Items item) {

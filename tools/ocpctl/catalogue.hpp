@@ -10,8 +10,11 @@
 
 namespace ocpctl {
 
+// From the library's identifier tables.
 std::string_view item_meaning(Item item);
 std::string_view parameter_meaning(Parameter parameter);
+std::string_view item_unit(Item item);
+std::string_view parameter_unit(Parameter parameter);
 
 // "f32", "u32", "i32" or "mode": how the 4 value bytes travel.
 std::string_view item_wire_type(Item item);

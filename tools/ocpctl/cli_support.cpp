@@ -1,6 +1,6 @@
 #include "cli_support.hpp"
 
-#include "number_format.hpp"
+#include <ocp_api/number_format.hpp>
 
 #include <csignal>
 #include <cmath>
@@ -150,7 +150,7 @@ float parse_float(const std::string& text, const std::string& what) {
     return value;
 }
 
-std::string format_value(float value) { return format_number(value); }
+std::string format_value(float value) { return ocp_api::format_number(value); }
 
 std::string shorten(const std::string& text) {
     constexpr std::size_t LONGEST = 200;

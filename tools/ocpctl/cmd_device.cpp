@@ -5,9 +5,12 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <filesystem>
 #include <set>
+#include <system_error>
 
 #include <nlohmann/json.hpp>
+#include <ocp_api/identifier_tables.hpp>
 
 #include "catalogue.hpp"
 #include "commands.hpp"
@@ -100,6 +103,48 @@ int run_info(const InfoOptions& options, const GlobalOptions& global) {
 
 // ---------------------------------------------------------------- params
 
+// A parameter's value as typed: a number, or for MODE also a mode's name,
+// since MODE prints as "7 (POSITION)".
+float parse_parameter_value(Parameter id, const std::string& text) {
+    if (id == Parameter::MODE) {
+        if (const auto mode = ocp_api::mode_from_name<Mode>(text)) return static_cast<float>(ocp_api::code_of(*mode));
+    }
+    return parse_float(text, std::string(ocp_api::parameter_name(id)) + " value");
+}
+
+// Refuses values a parameter cannot hold and limits whose minimum is above
+// their maximum, unless forced: nothing has been sent when this throws.
+void check_values(const std::vector<std::pair<Parameter, float>>& entries, bool force, const std::string& where) {
+    if (force) return;
+    const std::string prefix = where.empty() ? "" : where + ": ";
+    const std::string hint = " (--force sends it anyway)";
+    for (const auto& [id, value] : entries) {
+        const std::string problem = ocp_api::parameter_value_problem(ocp_api::code_of(id), value);
+        if (!problem.empty())
+            throw UsageError(prefix + std::string(ocp_api::parameter_name(id)) + " = " + format_value(value) + " is " +
+                             problem + hint);
+    }
+    static constexpr std::pair<Parameter, Parameter> LIMIT_PAIRS[] = {
+        {Parameter::LIMIT_POSITION_MIN, Parameter::LIMIT_POSITION_MAX},
+        {Parameter::LIMIT_SPEED_MIN, Parameter::LIMIT_SPEED_MAX},
+        {Parameter::PROFILE_POSITION_MIN, Parameter::PROFILE_POSITION_MAX},
+        {Parameter::PROFILE_SPEED_MIN, Parameter::PROFILE_SPEED_MAX},
+    };
+    const auto value_of = [&entries](Parameter id) -> const float* {
+        for (const auto& entry : entries)
+            if (entry.first == id) return &entry.second;
+        return nullptr;
+    };
+    for (const auto& [low, high] : LIMIT_PAIRS) {
+        const float* min = value_of(low);
+        const float* max = value_of(high);
+        if (min != nullptr && max != nullptr && *min > *max)
+            throw UsageError(prefix + std::string(ocp_api::parameter_name(low)) + " = " + format_value(*min) +
+                             " is above " + std::string(ocp_api::parameter_name(high)) + " = " + format_value(*max) +
+                             hint);
+    }
+}
+
 struct ParamsGetOptions {
     std::string address;
     std::vector<std::string> names;
@@ -120,6 +165,7 @@ int run_params_get(const ParamsGetOptions& options, const GlobalOptions& global)
 struct ParamsSetOptions {
     std::string address;
     std::vector<std::string> assignments;
+    bool force = false;
 };
 
 int run_params_set(const ParamsSetOptions& options, const GlobalOptions& global) {
@@ -133,10 +179,11 @@ int run_params_set(const ParamsSetOptions& options, const GlobalOptions& global)
         const Parameter id = parse_parameter(assignment.substr(0, equals));
         if (id == Parameter::ADDRESS)
             throw UsageError("ADDRESS is changed with 'ocpctl address ADDR NEW', which follows the device");
-        const float value = parse_float(assignment.substr(equals + 1), std::string(ocp_api::parameter_name(id)) + " value");
+        const float value = parse_parameter_value(id, assignment.substr(equals + 1));
         if (values.count(id) == 0) ids.push_back(id);
         values[id] = value;
     }
+    check_values(std::vector<std::pair<Parameter, float>>(values.begin(), values.end()), options.force, "");
     Session session(global, address, OnExit::LeaveAsFound);
     session.actuator().set_parameters(values);
     // What the device holds now, which is what took effect.
@@ -212,7 +259,11 @@ struct ParamsLoadOptions {
     std::string file;
     std::string out;
     bool save = false;
+    bool force = false;
 };
+
+// A parameters file is a few kilobytes; anything near this is not one.
+constexpr std::uintmax_t MAX_PARAMETERS_FILE_BYTES = 1 << 20;
 
 // One entry of a parameters file: {"name": ..., "code": ..., "value": ...}
 // (either name or code suffices), or "NAME": value in an object.
@@ -229,6 +280,10 @@ Parameter entry_parameter(const nlohmann::json& entry, const std::string& where)
 }
 
 float entry_value(const nlohmann::json& value, Parameter id, const std::string& where) {
+    if (id == Parameter::MODE && value.is_string()) {
+        if (const auto mode = ocp_api::mode_from_name<Mode>(value.get<std::string>()))
+            return static_cast<float>(ocp_api::code_of(*mode));
+    }
     if (!value.is_number())
         throw UsageError(where + ": the value of " + std::string(ocp_api::parameter_name(id)) + " is not a number");
     const double number = value.get<double>();
@@ -238,16 +293,57 @@ float entry_value(const nlohmann::json& value, Parameter id, const std::string& 
     return as_float;
 }
 
-// Reads and checks the whole file; nothing is sent before this succeeds.
-std::vector<std::pair<Parameter, float>> read_parameters_file(const std::string& path, int address) {
-    std::ifstream file(path);
+// The text of a parameters file, refused before it is opened when it is not
+// a regular file (a directory, or a FIFO that would wait for a writer) and
+// before it is read when it is too large to be one.
+std::string read_parameters_text(const std::string& path) {
+    std::error_code error;
+    const auto status = std::filesystem::status(path, error);
+    if (error) throw UsageError("cannot read " + shorten(path) + ": " + error.message());
+    if (std::filesystem::is_directory(status)) throw UsageError(shorten(path) + " is a directory, not a parameters file");
+    if (!std::filesystem::is_regular_file(status))
+        throw UsageError(shorten(path) + " is not a regular file (write one with ocpctl params dump)");
+    const std::uintmax_t size = std::filesystem::file_size(path, error);
+    if (!error && size > MAX_PARAMETERS_FILE_BYTES)
+        throw UsageError(shorten(path) + " is " + std::to_string(size) + " bytes; a parameters file is at most " +
+                         std::to_string(MAX_PARAMETERS_FILE_BYTES) + " bytes");
+    std::ifstream file(path, std::ios::binary);
     if (!file) throw UsageError("cannot read " + shorten(path) + ": " + std::strerror(errno));
+    std::string text(MAX_PARAMETERS_FILE_BYTES + 1, '\0');
+    file.read(text.data(), static_cast<std::streamsize>(text.size()));
+    text.resize(static_cast<std::size_t>(file.gcount()));
+    if (text.size() > MAX_PARAMETERS_FILE_BYTES)  // it grew after the size was taken
+        throw UsageError(shorten(path) + " is over " + std::to_string(MAX_PARAMETERS_FILE_BYTES) + " bytes");
+    return text;
+}
+
+// Parses JSON and refuses a key given twice in one object, which would
+// otherwise silently keep the last.
+nlohmann::json parse_without_duplicate_keys(const std::string& text, const std::string& path) {
+    std::vector<std::set<std::string>> keys;
+    std::string duplicate;
+    const auto watch = [&](int, nlohmann::json::parse_event_t event, nlohmann::json& parsed) {
+        using Event = nlohmann::json::parse_event_t;
+        if (event == Event::object_start) keys.emplace_back();
+        if (event == Event::object_end && !keys.empty()) keys.pop_back();
+        if (event == Event::key && !keys.empty() && !keys.back().insert(parsed.get<std::string>()).second &&
+            duplicate.empty())
+            duplicate = parsed.get<std::string>();
+        return true;
+    };
     nlohmann::json document;
     try {
-        document = nlohmann::json::parse(file);
+        document = nlohmann::json::parse(text, watch);
     } catch (const nlohmann::json::exception& error) {
         throw UsageError(shorten(path) + " is not JSON: " + error.what());
     }
+    if (!duplicate.empty()) throw UsageError(shorten(path) + " gives the key \"" + duplicate + "\" twice");
+    return document;
+}
+
+// Reads and checks the whole file; nothing is sent before this succeeds.
+std::vector<std::pair<Parameter, float>> read_parameters_file(const std::string& path, int address, bool force) {
+    const nlohmann::json document = parse_without_duplicate_keys(read_parameters_text(path), path);
     if (!document.is_object() || !document.contains("parameters"))
         throw UsageError(shorten(path) + " has no \"parameters\" (write one with ocpctl params dump)");
     std::vector<std::pair<Parameter, float>> entries;
@@ -276,12 +372,13 @@ std::vector<std::pair<Parameter, float>> read_parameters_file(const std::string&
             throw UsageError(shorten(path) + " is for the device at " + describe_value(id, value) + ", not " +
                              hex(address) + " (ocpctl address moves a device)");
     }
+    check_values(entries, force, shorten(path));
     return entries;
 }
 
 int run_params_load(const ParamsLoadOptions& options, const GlobalOptions& global) {
     const int address = parse_address(options.address);
-    const auto entries = read_parameters_file(options.file, address);
+    const auto entries = read_parameters_file(options.file, address, options.force);
     check_writable(options.out);
     ParameterMap values;
     std::vector<Parameter> ids;
@@ -406,7 +503,12 @@ void add_device_commands(CLI::App& app, const GlobalOptions& global, Runner& run
         CLI::App* set = params->add_subcommand("set", "Write parameters, then print what the device holds");
         set->add_option("ADDR", set_options->address, "Actuator address")->required();
         set->add_option("NAME=VALUE", set_options->assignments, "Assignments")->required();
-        set->footer("Example:\n  ocpctl params set 0x21 LIMIT_TORQUE=2.5 k_stiff=4");
+        set->add_flag("--force", set_options->force,
+                      "Send values a parameter cannot hold and minimum limits above their maximum");
+        set->footer("A value its parameter cannot hold (MODE=3, CAN_HIGH_SPEED=5, a minimum limit\n"
+                    "above its maximum) ends with exit status 2 and sends nothing, unless --force.\n"
+                    "MODE also takes a mode's name.\n"
+                    "Example:\n  ocpctl params set 0x21 LIMIT_TORQUE=2.5 k_stiff=4 mode=position");
         set->callback([&runner, &global, set_options] {
             runner = [&global, set_options] { return run_params_set(*set_options, global); };
         });
@@ -425,8 +527,13 @@ void add_device_commands(CLI::App& app, const GlobalOptions& global, Runner& run
         load->add_option("FILE", load_options->file, "A file written by params dump (or edited from one)")->required();
         load->add_option("--out", load_options->out, "Also write all parameters as read back afterwards");
         load->add_flag("--save", load_options->save, "Save the configuration when everything read back equal");
-        load->footer("Every name and value is checked before anything is sent. Exit status 1 when the\n"
-                     "device holds a value other than the file's (it is printed; nothing is saved).\n"
+        load->add_flag("--force", load_options->force,
+                       "Send values a parameter cannot hold and minimum limits above their maximum");
+        load->footer("Every name and value is checked before anything is sent: a file that is not a\n"
+                     "regular file, is over 1 MiB, gives a key twice, or holds a value its parameter\n"
+                     "cannot hold (without --force) ends with exit status 2 and sends nothing. Exit\n"
+                     "status 1 when the device holds a value other than the file's (it is printed;\n"
+                     "nothing is saved).\n"
                      "Example:\n  ocpctl params load 0x21 0x21.json --save");
         load->callback([&runner, &global, load_options] {
             runner = [&global, load_options] { return run_params_load(*load_options, global); };

@@ -65,6 +65,26 @@ ocp_api::DecodedMessage decode(const TrafficEvent& event) {
                                                    : ocp_api::decode_reply(event.bytes, event.kind);
 }
 
+// An interface name as it is shown: a log is outside input, so every byte
+// that is not printable ASCII (an escape sequence for the terminal, bytes that
+// are not UTF-8 for JSON) is shown as \xHH. Kernel interface names are
+// printable ASCII and show unchanged.
+std::string shown_interface(const std::string& interface) {
+    std::string shown;
+    shown.reserve(interface.size());
+    for (const char c : interface) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte > 0x20 && byte < 0x7F && byte != '\\') {
+            shown += c;
+        } else {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
+            shown += escaped;
+        }
+    }
+    return shown;
+}
+
 // Prints each event as a line or a JSON object.
 class Printer {
 public:
@@ -72,9 +92,9 @@ public:
 
     void event(const std::string& interface, const TrafficEvent& event) const {
         if (json_) {
-            print_json(interface, event);
+            print_json(shown_interface(interface), event);
         } else {
-            print_text(interface, event);
+            print_text(shown_interface(interface), event);
         }
     }
 
@@ -84,12 +104,12 @@ public:
         if (json_) {
             nlohmann::ordered_json line;
             line["time"] = time_text(logged.timestamp);
-            line["interface"] = logged.interface;
+            line["interface"] = shown_interface(logged.interface);
             line["type"] = error ? "error_frame" : "remote_frame";
             line["frame"] = frame_text(logged);
             std::printf("%s\n", line.dump().c_str());
         } else {
-            std::printf("%s %s %s %s\n", time_text(logged.timestamp).c_str(), logged.interface.c_str(),
+            std::printf("%s %s %s %s\n", time_text(logged.timestamp).c_str(), shown_interface(logged.interface).c_str(),
                         error ? "error-frame" : "remote-frame", frame_text(logged).c_str());
         }
     }
@@ -157,9 +177,13 @@ private:
     bool json_;
 };
 
-// One monitor per interface: a log may hold several buses.
+// One monitor per interface: a log may hold several buses. Their number is
+// bounded, since each may hold half-reassembled messages: the frames of
+// interfaces beyond the bound are counted and left undecoded.
 class Dump {
 public:
+    static constexpr std::size_t MAX_INTERFACES = 256;
+
     explicit Dump(bool json) : printer_(json) {}
 
     void frame(const LoggedFrame& logged) {
@@ -167,10 +191,22 @@ public:
             printer_.special_frame(logged);
             return;
         }
+        auto monitor = monitors_.find(logged.interface);
+        if (monitor == monitors_.end()) {
+            if (monitors_.size() >= MAX_INTERFACES) {
+                ++undecoded_frames_;
+                return;
+            }
+            monitor = monitors_.emplace(logged.interface, ocp_api::can::TrafficMonitor()).first;
+        }
         std::vector<TrafficEvent> events;
-        monitors_[logged.interface].on_frame(logged.frame, logged.timestamp, events);
+        monitor->second.on_frame(logged.frame, logged.timestamp, events);
         print(logged.interface, events);
     }
+
+    // Frames left undecoded because their interface came after the first
+    // MAX_INTERFACES.
+    std::size_t undecoded_frames() const { return undecoded_frames_; }
 
     void finish() {
         for (auto& [interface, monitor] : monitors_) {
@@ -187,6 +223,7 @@ private:
 
     Printer printer_;
     std::map<std::string, ocp_api::can::TrafficMonitor> monitors_;
+    std::size_t undecoded_frames_ = 0;
 };
 
 int dump_log(std::istream& in, const std::string& name, bool json) {
@@ -202,6 +239,11 @@ int dump_log(std::istream& in, const std::string& name, bool json) {
         }
     }
     dump.finish();
+    if (dump.undecoded_frames() != 0) {
+        std::fflush(stdout);
+        std::fprintf(stderr, "ocpctl: %s: %zu frames on interfaces after the first %zu were not decoded\n",
+                     name.c_str(), dump.undecoded_frames(), Dump::MAX_INTERFACES);
+    }
     return 0;
 }
 
@@ -272,7 +314,10 @@ void add_dump_command(CLI::App& app, const GlobalOptions& global, Runner& runner
     dump->footer(
         "Each line: time, interface, address, direction (to-device, to-host, to-host[items] for\n"
         "answers to GET_ITEMS), then the decoded command or reply. Frames that are not ours are\n"
-        "shown as not-ours, broken segmentation with !!.\n"
+        "shown as not-ours, broken segmentation with !!. Bytes of an interface name that are not\n"
+        "printable ASCII show as \\xHH; frames of interfaces after the first 256 are counted on\n"
+        "standard error, not decoded. Lines that are not candump -L lines are named on standard\n"
+        "error and skipped; the exit status is 0 unless the log cannot be read (2).\n"
         "Examples:\n  candump -L can0 > session.log\n  ocpctl dump --log session.log\n"
         "  ocpctl --bus socketcan:can0 dump\n"
         "  candump -L can0 | ocpctl dump --log - --json");

@@ -8,6 +8,7 @@
 #include <memory>
 #include <sstream>
 
+#include <ocp_api/identifier_tables.hpp>
 #include <ocp_api/bus_factory.hpp>
 #include <ocp_api/can_device_host.hpp>
 #include <ocp_api/identifiers.hpp>
@@ -62,8 +63,8 @@ private:
 
 uint16_t model_code_of(const std::string& name) {
     std::string known;
-    for (std::size_t code = 1; code < ocp_api::MODEL_NAME_TABLE.size(); ++code) {
-        std::string candidate = ocp_api::MODEL_NAME_TABLE[code];
+    for (std::size_t code = 1; code < ocp_api::tables::MODELS.size(); ++code) {
+        std::string candidate(ocp_api::tables::MODELS[code].name);
         if (candidate.size() == name.size() &&
             std::equal(candidate.begin(), candidate.end(), name.begin(),
                        [](char a, char b) { return std::toupper(static_cast<unsigned char>(a)) ==
@@ -133,7 +134,7 @@ int run_emulate(const EmulateOptions& options, const GlobalOptions& global) {
     if (options.verbose) host.set_command_observer(print_command);
 
     std::fprintf(stderr, "ocpctl: emulating %zu %s %s on %s; Ctrl-C or SIGTERM stops, SIGHUP power-cycles\n",
-                 devices.size(), ocp_api::MODEL_NAME_TABLE[model], options.firmware.c_str(), choice.interface.c_str());
+                 devices.size(), std::string(ocp_api::model_name_of(model)).c_str(), options.firmware.c_str(), choice.interface.c_str());
     while (!stop.raised()) {
         stop.sleep_for(std::chrono::milliseconds(50));
         while (hangup.take()) {

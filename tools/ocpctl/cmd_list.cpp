@@ -10,21 +10,23 @@ namespace ocpctl {
 
 namespace {
 
-constexpr const char* ROW = "%-6s %-20s %-5s %s\n";
+constexpr const char* ROW = "%-6s %-20s %-5s %-15s %s\n";
 
 int list_items() {
-    std::printf(ROW, "CODE", "NAME", "TYPE", "MEANING");
+    std::printf(ROW, "CODE", "NAME", "TYPE", "UNIT", "MEANING");
     for (const auto item : ocp_api::OrreryActuator::ALL_ITEMS)
         std::printf(ROW, code_text(item).c_str(), std::string(ocp_api::item_name(item)).c_str(),
-                    std::string(item_wire_type(item)).c_str(), std::string(item_meaning(item)).c_str());
+                    std::string(item_wire_type(item)).c_str(), std::string(item_unit(item)).c_str(),
+                    std::string(item_meaning(item)).c_str());
     return 0;
 }
 
 int list_parameters() {
-    std::printf(ROW, "CODE", "NAME", "TYPE", "MEANING");
+    std::printf(ROW, "CODE", "NAME", "TYPE", "UNIT", "MEANING");
     for (const auto parameter : ocp_api::OrreryActuator::ALL_PARAMETERS)
         std::printf(ROW, code_text(parameter).c_str(), std::string(ocp_api::parameter_name(parameter)).c_str(),
                     std::string(parameter_wire_type(parameter)).c_str(),
+                    std::string(parameter_unit(parameter)).c_str(),
                     std::string(parameter_meaning(parameter)).c_str());
     return 0;
 }
@@ -32,7 +34,7 @@ int list_parameters() {
 }  // namespace
 
 void add_list_command(CLI::App& app, Runner& runner) {
-    CLI::App* list = app.add_subcommand("list", "List feedback items or parameters with codes, types and meanings");
+    CLI::App* list = app.add_subcommand("list", "List feedback items or parameters with codes, types, units and meanings");
     list->require_subcommand(1);
     list->footer("Names and codes are accepted alike wherever an item or parameter is expected.\n"
                  "Examples:\n  ocpctl list items\n  ocpctl list params");

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <fstream>
+#include <iostream>
 #include <memory>
 #include <sstream>
 
@@ -40,10 +41,19 @@ struct SimulateOptions {
 
 const std::vector<Items> PLOTTED_ITEMS = {Items::POS_FB_4C, Items::SPD_FB_45, Items::T_FB_56};
 
-// Runs the scenario and writes time and the items, one row per sample; the
-// position, speed and torque of each sample also go to `plot`.
+// A plot holds every sample in memory; beyond this many it would take more
+// memory than a picture is worth (and more pixels than it has).
+constexpr long MAX_PLOTTED_SAMPLES = 1000000;
+
+int steps_per_sample(int rate) { return (10000 + rate / 2) / rate; }
+
+long sample_count(double seconds, int rate) { return std::lround(seconds * 10000.0 / steps_per_sample(rate)); }
+
+// Runs the scenario and writes time and the items, one row per sample, as it
+// goes; the position, speed and torque of each sample also go to `plot` when
+// there is one.
 void write_trajectory(std::ostream& out, const MotionCommand& command, float load, double seconds, int rate,
-                      const std::vector<Items>& items, PlotSamples& plot) {
+                      const std::vector<Items>& items, PlotSamples* plot) {
     ocp_api::OrreryActuatorVirtual sim(0x21);
     std::vector<Items> recorded = items;
     for (const auto item : PLOTTED_ITEMS) {
@@ -53,8 +63,8 @@ void write_trajectory(std::ostream& out, const MotionCommand& command, float loa
     sim.change_load(load);
     sim.start();
     command_motion(sim, command);
-    const int steps_per_sample = (10000 + rate / 2) / rate;
-    const long samples = std::lround(seconds * 10000.0 / steps_per_sample);
+    const int steps = steps_per_sample(rate);
+    const long samples = sample_count(seconds, rate);
     out << "time_s";
     for (const auto item : items) out << ',' << ocp_api::item_name(item);
     out << '\n';
@@ -65,14 +75,18 @@ void write_trajectory(std::ostream& out, const MotionCommand& command, float loa
         out << time;
         for (const auto item : items) out << ',' << format_value(feedback.at(item));
         out << '\n';
-        plot.time_s.push_back(time_s);
-        plot.position.push_back(feedback.at(Items::POS_FB_4C));
-        plot.speed.push_back(feedback.at(Items::SPD_FB_45));
-        plot.torque.push_back(feedback.at(Items::T_FB_56));
-        plot.setpoint.push_back(command.setpoint);
+        if (plot == nullptr) return;
+        plot->time_s.push_back(time_s);
+        plot->position.push_back(feedback.at(Items::POS_FB_4C));
+        plot->speed.push_back(feedback.at(Items::SPD_FB_45));
+        plot->torque.push_back(feedback.at(Items::T_FB_56));
+        plot->setpoint.push_back(command.setpoint);
     };
+    // A stream without a buffer discards the rows; one that fails later (a
+    // closed pipe, a full disk) ends the run.
+    const bool discarding = out.rdbuf() == nullptr;
     write_row(sim.get_feedback());
-    for (long i = 0; i < samples; ++i) write_row(sim.step(std::nullopt, steps_per_sample));
+    for (long i = 0; i < samples && (discarding || out); ++i) write_row(sim.step(std::nullopt, steps));
 }
 
 int run_simulate(const SimulateOptions& options) {
@@ -81,20 +95,26 @@ int run_simulate(const SimulateOptions& options) {
     const double seconds = parse_seconds(options.seconds, "--duration");
     const int rate = parse_rate(options.rate);
     const std::vector<Items> items = simulated_items(options.items);
-    if (!options.plot.empty()) check_plot_path(options.plot);
+    if (!options.plot.empty()) {
+        if (sample_count(seconds, rate) > MAX_PLOTTED_SAMPLES)
+            throw UsageError("--plot draws at most " + std::to_string(MAX_PLOTTED_SAMPLES) + " samples, not " +
+                             std::to_string(sample_count(seconds, rate)) + " (a shorter --duration or a lower --rate)");
+        check_plot_path(options.plot);
+    }
 
     PlotSamples samples;
+    PlotSamples* plot = options.plot.empty() ? nullptr : &samples;
     if (options.out.empty() && options.plot.empty()) {
-        std::ostringstream text;
-        write_trajectory(text, command, load, seconds, rate, items, samples);
-        std::fputs(text.str().c_str(), stdout);
+        // Rows go out as they are made: a long run needs no memory for them.
+        write_trajectory(std::cout, command, load, seconds, rate, items, plot);
+        std::cout.flush();
     } else if (options.out.empty()) {
-        std::ostringstream discarded;  // with only --plot the picture is the result
-        write_trajectory(discarded, command, load, seconds, rate, items, samples);
+        std::ostream discarded(nullptr);  // with only --plot the picture is the result
+        write_trajectory(discarded, command, load, seconds, rate, items, plot);
     } else {
         std::ofstream file(options.out);
         if (!file) throw UsageError("cannot write " + shorten(options.out));
-        write_trajectory(file, command, load, seconds, rate, items, samples);
+        write_trajectory(file, command, load, seconds, rate, items, plot);
         file.close();
         if (!file) throw UsageError("cannot write " + shorten(options.out));
     }

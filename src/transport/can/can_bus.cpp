@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "emulation/adapter.hpp"
+#include "ocp_api/codec.hpp"
 #include "ocp_api/wire.hpp"
 
 namespace ocp_api {
@@ -24,7 +25,7 @@ bool is_error_state(CanLinkState state) { return state != CanLinkState::active; 
 
 can::MessageClass message_class_of(const std::vector<uint8_t>& frame) {
     if (frame.empty()) return can::MessageClass::ordinary;
-    switch (wire::command_class(frame[0])) {
+    switch (codec::command_class(frame[0])) {
     case wire::CommandClass::safety:
         return can::MessageClass::safety;
     case wire::CommandClass::motion:

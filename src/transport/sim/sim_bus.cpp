@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "ocp_api/codec.hpp"
 #include "ocp_api/wire.hpp"
 #include "emulation/adapter.hpp"
 #include "emulation/device_clock.hpp"
@@ -147,7 +148,7 @@ bool SimBus::send(int address, const std::vector<uint8_t>& frame) {
         return true;  // handed to the bus; the bus lost it
     }
     ++counters_.frames_received;
-    Inbound inbound{address, frame, frame.empty() ? wire::CommandClass::ordinary : wire::command_class(frame.front()),
+    Inbound inbound{address, frame, frame.empty() ? wire::CommandClass::ordinary : codec::command_class(frame.front()),
                     Clock::now()};
     // A STOP overtakes every frame still waiting, for any address.
     if (inbound.command_class == wire::CommandClass::safety) {
@@ -165,7 +166,7 @@ bool SimBus::make_room(int address, const std::vector<uint8_t>& frame) {
     std::deque<Inbound>& frames = pending_->frames;
     const auto for_address = [address](const Inbound& waiting) { return waiting.address == address; };
     if (frame.empty()) return true;
-    const wire::CommandClass command_class = wire::command_class(frame.front());
+    const wire::CommandClass command_class = codec::command_class(frame.front());
     if (command_class == wire::CommandClass::safety) {
         const auto cancelled = std::remove_if(frames.begin(), frames.end(), [address](const Inbound& waiting) {
             return waiting.address == address && waiting.yields_to_stop();
