@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <stdexcept>
 
 namespace ocp_api {
 
@@ -24,6 +25,19 @@ std::string format_number(float value) {
         if (std::strtof(text, nullptr) == value) break;
     }
     return text;
+}
+
+bool parse_integer(const std::string& text, long long& value) {
+    const bool hexadecimal = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+    const std::string digits = hexadecimal ? text.substr(2) : text;
+    if (digits.empty() || digits[0] == '+' || digits[0] == ' ' || (hexadecimal && digits[0] == '-')) return false;
+    std::size_t used = 0;
+    try {
+        value = std::stoll(digits, &used, hexadecimal ? 16 : 10);
+    } catch (const std::exception&) {
+        return false;
+    }
+    return used == digits.size();
 }
 
 }  // namespace ocp_api

@@ -1,11 +1,13 @@
 #include "ocp_api/bus_factory.hpp"
 
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <stdexcept>
 #include <string_view>
 
+#include "ocp_api/number_format.hpp"
 #include "ocp_api/sim_bus.hpp"
 #include "ocp_api/socketcan_bus.hpp"
 #include "ocp_api/wire.hpp"
@@ -26,11 +28,10 @@ std::vector<std::string> split(const std::string& text, char separator) {
 }
 
 bool parse_number(const std::string& text, long& value) {
-    if (text.empty()) return false;
-    char* end = nullptr;
-    errno = 0;
-    value = std::strtol(text.c_str(), &end, 0);
-    return errno == 0 && end == text.c_str() + text.size();
+    long long parsed = 0;
+    if (!parse_integer(text, parsed) || parsed < LONG_MIN || parsed > LONG_MAX) return false;
+    value = static_cast<long>(parsed);
+    return true;
 }
 
 // A plain "sim" bus, and the models given in turn to the listed addresses:

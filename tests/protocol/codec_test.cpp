@@ -277,4 +277,18 @@ TEST(NumberFormat, OneRuleForEveryTool) {
         EXPECT_EQ(std::strtof(format_number(value).c_str(), nullptr), value) << format_number(value);
 }
 
+TEST(NumberFormat, OneRuleForReadingWholeNumbers) {
+    long long value = -1;
+    EXPECT_TRUE(parse_integer("0100", value));
+    EXPECT_EQ(value, 100) << "never octal";
+    EXPECT_TRUE(parse_integer("0x21", value));
+    EXPECT_EQ(value, 0x21);
+    EXPECT_TRUE(parse_integer("0X3FFE", value));
+    EXPECT_EQ(value, 0x3FFE);
+    EXPECT_TRUE(parse_integer("-3", value));
+    EXPECT_EQ(value, -3);
+    for (const char* bad : {"", "0x", "0x-1", "+5", " 5", "5 ", "12abc", "0x1g", "99999999999999999999"})
+        EXPECT_FALSE(parse_integer(bad, value)) << bad;
+}
+
 }  // namespace

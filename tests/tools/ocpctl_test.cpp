@@ -76,6 +76,15 @@ TEST(Ocpctl, ScanJsonParsesBack) {
     EXPECT_EQ(json["devices"][1]["firmware"], "1.4.3");
 }
 
+// Addresses in --bus read as they do everywhere: 0100 is one hundred, not octal.
+TEST(Ocpctl, BusAddressesReadLikeAddressArguments) {
+    const auto result = ocpctl({"--bus", "sim:0100", "scan", "--from", "100", "--to", "0x64", "--json"});
+    ASSERT_EQ(result.exit_status, 0) << result.err;
+    const auto json = nlohmann::json::parse(result.out);
+    ASSERT_EQ(json["devices"].size(), 1u);
+    EXPECT_EQ(json["devices"][0]["hex"], "0x64");
+}
+
 TEST(Ocpctl, ScanWithNothingAnsweringExitsOne) {
     const auto result = ocpctl({"--bus", "sim:0x40", "scan", "--from", "0x10", "--to", "0x12"});
     EXPECT_EQ(result.exit_status, 1);

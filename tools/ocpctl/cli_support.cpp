@@ -14,6 +14,8 @@
 
 namespace ocpctl {
 
+using ocp_api::parse_integer;
+
 namespace {
 
 // "A, B, C" from the names of every identifier in `all`.
@@ -30,20 +32,6 @@ std::string join_names(const Identifiers& all, NameOf name_of) {
 std::string join_item_names() { return join_names(ocp_api::OrreryActuator::ALL_ITEMS, ocp_api::item_name<Item>); }
 std::string join_parameter_names() { return join_names(ocp_api::OrreryActuator::ALL_PARAMETERS, ocp_api::parameter_name<Parameter>); }
 
-// Parses a whole decimal or 0x-prefixed hexadecimal integer (never octal:
-// 010 is ten).
-bool parse_integer(const std::string& text, long long& value) {
-    const bool hexadecimal = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
-    const std::string digits = hexadecimal ? text.substr(2) : text;
-    if (digits.empty() || digits[0] == '+' || digits[0] == ' ' || (hexadecimal && digits[0] == '-')) return false;
-    std::size_t used = 0;
-    try {
-        value = std::stoll(digits, &used, hexadecimal ? 16 : 10);
-    } catch (const std::exception&) {
-        return false;
-    }
-    return used == digits.size();
-}
 
 volatile std::sig_atomic_t raised_signal = 0;
 
