@@ -43,6 +43,7 @@ struct CanBusCounters {
     uint64_t link_errors = 0;          // sends the link refused, and error states it reported
     uint64_t replies_unclaimed = 0;    // replies for an address without a callback
     uint64_t restarts = 0;             // returns to the active state after bus-off or down
+    uint64_t callback_errors = 0;      // exceptions thrown by receive callbacks (caught; the first reported)
     // Queueing of commands, per address (see docs/can-mapping.md, "Queueing"):
     uint64_t superseded = 0;           // waiting setpoints replaced by a newer one of the same command
     uint64_t expired = 0;              // setpoints dropped for waiting longer than setpoint_max_age

@@ -52,6 +52,7 @@ struct SimBusCounters {
     uint64_t replies_lost = 0;
     uint64_t replies_discarded = 0;  // still on their way when the bus closed
     uint64_t worker_wakes = 0;       // passes of the worker's loop, for tuning
+    uint64_t callback_errors = 0;    // exceptions thrown by receive callbacks (caught; the first reported)
 };
 
 // The bus and its worker thread. The worker advances every device's physics in

@@ -1,6 +1,9 @@
 #include "ocp_api/callback_registry.hpp"
 
 #include <algorithm>
+#include <exception>
+
+#include "common/diagnostics.hpp"
 
 namespace ocp_api {
 
@@ -53,6 +56,15 @@ void CallbackRegistry::wait_for_other_callers(std::unique_lock<std::mutex>& lock
     --waiting_removers_;
 }
 
+// Counts every exception a callback throws; the first is reported, the rest
+// only counted, so a callback that throws on every reply cannot flood the
+// terminal.
+void CallbackRegistry::note_callback_error(int address, const char* what) {
+    if (callback_errors_.fetch_add(1) != 0) return;
+    detail::ErrorLine(detail::AfterLine::DECIMAL) << "ocp_api: a receive callback for address 0x" << std::hex << address
+                                                  << " threw: " << what << "; later ones are only counted";
+}
+
 bool CallbackRegistry::dispatch(int address, std::vector<uint8_t> bytes, int kind) {
     std::shared_ptr<Slot> slot;
     {
@@ -75,7 +87,14 @@ bool CallbackRegistry::dispatch(int address, std::vector<uint8_t> bytes, int kin
             if (registry.waiting_removers_ > 0) registry.idle_.notify_all();
         }
     } guard{*this, *slot};
-    if (slot->callback) slot->callback(address, std::move(bytes), kind);
+    if (!slot->callback) return true;
+    try {
+        slot->callback(address, std::move(bytes), kind);
+    } catch (const std::exception& error) {
+        note_callback_error(address, error.what());
+    } catch (...) {
+        note_callback_error(address, "an exception that is no std::exception");
+    }
     return true;
 }
 

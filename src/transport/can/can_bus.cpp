@@ -125,6 +125,7 @@ CanBusCounters CanBus::counters() const {
     counters.segmentation_errors = node.isotp.segmentation_errors;
     counters.timeouts = node.isotp.timeouts;
     counters.drops += node.isotp.dropped;
+    counters.callback_errors = callbacks_.callback_errors();
     counters.superseded = node.isotp.superseded;
     counters.expired = node.isotp.expired;
     counters.cancelled = node.isotp.cancelled;

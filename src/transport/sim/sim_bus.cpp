@@ -129,7 +129,9 @@ std::size_t SimBus::actuator_count() const {
 
 SimBusCounters SimBus::counters() const {
     std::lock_guard<std::mutex> lock(mutex_);
-    return counters_;
+    SimBusCounters counters = counters_;
+    counters.callback_errors = callbacks_.callback_errors();
+    return counters;
 }
 
 double SimBus::sim_time() const {

@@ -8,12 +8,14 @@
 #include <mutex>
 #include <string>
 #include <condition_variable>
+#include <stdexcept>
 #include <thread>
 
 #include "ocp_api/version.hpp"
 #include "ocp_api/wire.hpp"
 #include "support/eventually.hpp"
 #include "support/recording_transport.hpp"
+#include "support/stream_capture.hpp"
 
 namespace {
 
@@ -436,4 +438,28 @@ TEST(SimBus, EachAddressQueuesAtMostItsLimit) {
     EXPECT_TRUE(bus.send(0x21, command_bytes(wire::Command::STOP))) << "a STOP is never refused";
     EXPECT_EQ(bus.counters().queue_full, 1u);
     EXPECT_EQ(bus.counters().frames_sent, 1u + 3u + 1u + 1u);
+}
+
+// A host callback that throws must not take the receive thread (and the
+// process) with it: the exception is caught and counted, the first reported.
+TEST(SimBus, ACallbackThatThrowsIsCountedAndReportedOnce) {
+    StreamCapture errors(std::cerr);
+    {
+        SimBus bus(SimBusOptions{1.0, std::chrono::microseconds(0)});
+        bus.add_actuator(0x21);
+        std::atomic<int> calls{0};
+        bus.setCallback(0x21, [&](int, Bytes, int) {
+            calls.fetch_add(1);
+            throw std::runtime_error("boom");
+        });
+        const Bytes ping{static_cast<uint8_t>(wire::Command::PING)};
+        for (int i = 0; i < 3; ++i) ASSERT_TRUE(bus.send(0x21, ping));
+        ASSERT_TRUE(eventually([&] { return bus.counters().callback_errors == 3; }));
+        EXPECT_EQ(calls.load(), 3);
+        // The bus still works: one more ping, one more (caught) call.
+        ASSERT_TRUE(bus.send(0x21, ping));
+        ASSERT_TRUE(eventually([&] { return bus.counters().callback_errors == 4; }));
+        bus.removeCallback(0x21);
+    }
+    EXPECT_EQ(errors.text(), "ocp_api: a receive callback for address 0x21 threw: boom; later ones are only counted\n");
 }
