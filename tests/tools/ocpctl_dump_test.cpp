@@ -10,7 +10,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "tools/process.hpp"
+#include "tools/ocpctl_process.hpp"
 
 namespace {
 
@@ -18,10 +18,7 @@ using ocp_test::ProcessResult;
 using ocp_test::run_process;
 namespace fs = std::filesystem;
 
-ProcessResult ocpctl(std::vector<std::string> args) {
-    args.insert(args.begin(), OCPCTL_PATH);
-    return run_process(args);
-}
+using ocp_test::ocpctl;
 
 // A recording of one session on vcan0: a ping and its answer, a parameter
 // write in two frames with the device's flow control between them, an item

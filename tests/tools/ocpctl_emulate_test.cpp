@@ -2,17 +2,14 @@
 // kernel CAN stack: those tests run in the VM (tests/vm/emulate_integration_test.cpp).
 #include <gtest/gtest.h>
 
-#include "tools/process.hpp"
+#include "tools/ocpctl_process.hpp"
 
 namespace {
 
 using ocp_test::ProcessResult;
 using ocp_test::run_process;
 
-ProcessResult ocpctl(std::vector<std::string> args) {
-    args.insert(args.begin(), OCPCTL_PATH);
-    return run_process(args);
-}
+using ocp_test::ocpctl;
 
 TEST(OcpctlEmulate, NeedsASocketCanBus) {
     const auto result = ocpctl({"emulate", "0x21"});

@@ -5,16 +5,13 @@
 
 #include <nlohmann/json.hpp>
 
-#include "tools/process.hpp"
+#include "tools/ocpctl_process.hpp"
 
 namespace {
 
 using ocp_test::ProcessResult;
 
-ProcessResult ocpctl(std::vector<std::string> args) {
-    args.insert(args.begin(), OCPCTL_PATH);
-    return ocp_test::run_process(args);
-}
+using ocp_test::ocpctl;
 
 void expect_summary(const nlohmann::json& summary) {
     ASSERT_TRUE(summary.is_object()) << summary;

@@ -5,17 +5,14 @@
 #include <nlohmann/json.hpp>
 
 #include "ocp_api/bus_planner.hpp"
-#include "tools/process.hpp"
+#include "tools/ocpctl_process.hpp"
 
 namespace {
 
 using ocp_test::ProcessResult;
 using ocp_test::run_process;
 
-ProcessResult ocpctl(std::vector<std::string> args) {
-    args.insert(args.begin(), OCPCTL_PATH);
-    return run_process(args);
-}
+using ocp_test::ocpctl;
 
 TEST(OcpctlPlan, TextForOneActuatorOnClassicCanAt500Hz) {
     const auto result = ocpctl({"plan", "--can", "classic:1M", "--actuators", "1", "--rate", "500"});

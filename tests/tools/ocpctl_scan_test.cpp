@@ -5,17 +5,14 @@
 
 #include <nlohmann/json.hpp>
 
-#include "tools/process.hpp"
+#include "tools/ocpctl_process.hpp"
 
 namespace {
 
 using ocp_test::ProcessResult;
 using ocp_test::run_process;
 
-ProcessResult ocpctl(std::vector<std::string> args) {
-    args.insert(args.begin(), OCPCTL_PATH);
-    return run_process(args);
-}
+using ocp_test::ocpctl;
 
 TEST(OcpctlScan, FastScanFindsTheDevicesOfTheWholeRangeByDefault) {
     const auto result = ocpctl({"--bus", "sim:0x10,0x2345,0x3ffe", "scan", "--fast"});

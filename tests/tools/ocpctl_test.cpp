@@ -13,7 +13,7 @@
 
 #include "ocp_api/orrery_actuator.hpp"
 #include "ocp_api/version.hpp"
-#include "tools/process.hpp"
+#include "tools/ocpctl_process.hpp"
 
 namespace {
 
@@ -21,10 +21,7 @@ using ocp_test::ProcessResult;
 using ocp_test::run_process;
 namespace fs = std::filesystem;
 
-ProcessResult ocpctl(std::vector<std::string> args) {
-    args.insert(args.begin(), OCPCTL_PATH);
-    return run_process(args);
-}
+using ocp_test::ocpctl;
 
 std::vector<std::string> lines_of(const std::string& text) {
     std::vector<std::string> lines;
