@@ -217,11 +217,26 @@ Decoded<std::vector<float>> floats_of(ByteView frame) {
 
 // --- the command table ---------------------------------------------------------------
 
+namespace {
+
+constexpr uint8_t NOT_A_COMMAND = 0xFF;
+
+// The row of COMMANDS for each code, so a transport classifies every command
+// it sends with one look-up.
+constexpr std::array<uint8_t, 256> command_rows() {
+    std::array<uint8_t, 256> rows{};
+    for (auto& row : rows) row = NOT_A_COMMAND;
+    for (std::size_t i = 0; i < COMMANDS.size(); ++i) rows[static_cast<uint8_t>(COMMANDS[i].code)] = static_cast<uint8_t>(i);
+    return rows;
+}
+
+constexpr std::array<uint8_t, 256> COMMAND_ROWS = command_rows();
+
+}  // namespace
+
 const CommandInfo* find_command(uint8_t code) {
-    for (const CommandInfo& info : COMMANDS) {
-        if (static_cast<uint8_t>(info.code) == code) return &info;
-    }
-    return nullptr;
+    const uint8_t row = COMMAND_ROWS[code];
+    return row == NOT_A_COMMAND ? nullptr : &COMMANDS[row];
 }
 
 bool is_setpoint(uint8_t code) { return command_class(code) == wire::CommandClass::setpoint; }
