@@ -653,8 +653,10 @@ class Group:
 
     async def wait_for_feedback(self, timeout: float = 1.0, poll: float = 0.005):
         """Waits until every actuator's feedback has arrived at least once,
-        taking snapshots every ``poll`` s; returns the last. ``OcpTimeoutError``
-        naming the silent addresses when some have not within ``timeout`` s."""
+        taking snapshots every ``poll`` s and keeping the devices set up (as
+        the loop does each period); returns the last snapshot.
+        ``OcpTimeoutError`` naming the silent addresses when some have not
+        answered within ``timeout`` s."""
         loop = asyncio.get_running_loop()
         give_up = loop.time() + timeout
         while True:
@@ -662,6 +664,7 @@ class Group:
             silent = [joint.address for joint in snapshot.actuators if joint.sequence == 0]
             if not silent:
                 return snapshot
+            self._group.maintain()
             if loop.time() >= give_up:
                 listed = ", ".join(f"0x{address:02x}" for address in silent)
                 raise OcpTimeoutError(f"no feedback within {timeout} s from {listed}",
