@@ -7,8 +7,10 @@ generous duration as the bound; nothing asserts how long anything took. The
 simulated bus is closed by the fixture after the assertions: a STOP still
 waiting for the bus's worker when it closes never reaches the device."""
 
+import ast
 import asyncio
 import math
+import pathlib
 import time
 
 import pytest
@@ -330,3 +332,27 @@ def test_timing_histogram_summarises_in_microseconds():
     assert summary.count == histogram.count == 4
     assert summary.max_us == pytest.approx(1000.0)
     assert 20.0 <= summary.p50_us <= 20.0 * 17 / 16 and summary.p99_us == summary.max_us
+
+
+RECORDS = ["FaultRecord", "ActuatorSnapshot", "GroupSnapshot", "TimingSummary", "ActuatorStatistics",
+           "BusStatistics", "GroupStatistics"]
+
+
+def test_stubs_declare_the_records_and_statuses_as_they_are_at_run_time():
+    stub = ast.parse(pathlib.Path(ocp_api.__file__).with_name("__init__.pyi").read_text())
+    classes = {node.name: node for node in stub.body if isinstance(node, ast.ClassDef)}
+
+    def fields(name):
+        return tuple(node.target.id for node in classes[name].body if isinstance(node, ast.AnnAssign))
+
+    for name in RECORDS:
+        record = getattr(ocp_api, name)
+        assert issubclass(record, tuple) and record.__module__ == "ocp_api"
+        assert [ast.unparse(base) for base in classes[name].bases] == ["NamedTuple"]
+        assert fields(name) == record._fields, name
+    for name in ("FeedbackStatus", "CanLinkState"):
+        enumeration = getattr(ocp_api, name)
+        assert [ast.unparse(base) for base in classes[name].bases] == ["enum.StrEnum"]
+        assert issubclass(enumeration, __import__("enum").StrEnum)
+        declared = tuple(node.targets[0].id for node in classes[name].body if isinstance(node, ast.Assign))
+        assert declared == tuple(enumeration.__members__) == tuple(member.value for member in enumeration)
