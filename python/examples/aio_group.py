@@ -41,7 +41,8 @@ async def main(bus_text):
                 # 5-byte setpoint frame while they stay the same.
                 group.set_setpoint(index, target, k_stiff=40.0, k_damp=2.0)
 
-        result = await group.run(period, rate_hz=RATE_HZ, duration=2.0)
+        # The watchdog stops every joint if 20 periods in a row are missed.
+        result = await group.run(period, rate_hz=RATE_HZ, duration=2.0, watchdog_missed_periods=20)
         loop = group.loop_statistics()
         print(f"{result.end}: {result.periods} periods, {loop.missed_periods} missed; period error "
               f"p50 {loop.period_error.p50_us:.0f} us, p99 {loop.period_error.p99_us:.0f} us")

@@ -696,9 +696,9 @@ class Group:
             self._wake.set_result(None)
 
     def _trip(self, task: asyncio.Task) -> None:
-        """The watchdog: a period's callback has not ended in time."""
+        """A coroutine callback has not ended in time: the watchdog thread
+        stops the actuators; this ends the run."""
         self._group.stop_all()
-        self._watchdog_trips += 1
         self._tripped = True
         task.cancel()
 
@@ -714,11 +714,12 @@ class Group:
         late it skips them (counted as missed), never running them in a burst.
         The watchdog stops every actuator and ends the run (``LoopEnd.watchdog``)
         when ``watchdog_missed_periods`` periods in a row are missed, or a
-        coroutine callback has not ended that many periods after its deadline
-        (it is cancelled). A callback that blocks the event loop is only seen
-        when it returns. When the callback raises, or the run is cancelled,
-        every actuator is stopped and the exception passes on. 0 switches the
-        watchdog off."""
+        period has not ended that many periods after its deadline: it is a
+        thread of its own, so it stops the actuators even while a callback
+        blocks the event loop; a coroutine callback that overruns so is
+        cancelled. 0 switches the watchdog off. When the callback raises, or
+        the run is cancelled, every actuator is stopped and the exception
+        passes on."""
         if not rate_hz > 0 or not math.isfinite(rate_hz):
             raise ValueError(f"rate_hz must be a positive number, not {rate_hz}")
         if watchdog_missed_periods < 0:
@@ -738,13 +739,20 @@ class Group:
         deadline = start + period
         missed_in_row = 0
         result_end = LoopEnd.duration_elapsed
+        watchdog = (_ocp_api._GroupWatchdog(self._group, period, watchdog_missed_periods)
+                    if watchdog_missed_periods else None)
         try:
             while True:
+                if watchdog is not None and watchdog.tripped:
+                    result_end = LoopEnd.watchdog
+                    break
                 if self._stop_requested:
                     result_end = LoopEnd.stop_requested
                     break
                 if deadline > end:
                     break
+                if watchdog is not None:
+                    watchdog.beat(deadline)
                 self._wake = loop.create_future()
                 timer = loop.call_at(deadline, _set_unless_done, self._wake)
                 try:
@@ -770,7 +778,6 @@ class Group:
                     missed_in_row = 0
                 if watchdog_missed_periods and missed_in_row >= watchdog_missed_periods:
                     self._group.stop_all()
-                    self._watchdog_trips += 1
                     self._missed_periods += skipped
                     result_end = LoopEnd.watchdog
                     break
@@ -781,13 +788,17 @@ class Group:
                     break
                 outcome = callback(snapshot, self)
                 if inspect.isawaitable(outcome):
-                    watchdog = (loop.call_at(deadline + limit, self._trip, task) if watchdog_missed_periods
-                                else None)
+                    overrun = loop.call_at(deadline + limit, self._trip, task) if watchdog is not None else None
                     try:
                         await outcome
                     finally:
-                        if watchdog is not None:
-                            watchdog.cancel()
+                        if overrun is not None:
+                            overrun.cancel()
+                if watchdog is not None and watchdog.tripped:
+                    # The watchdog stopped the actuators while the callback
+                    # ran: its setpoints stay unsent.
+                    result_end = LoopEnd.watchdog
+                    break
                 self._group.send_setpoints()
                 self._group.maintain()
                 done = loop.time()
@@ -807,8 +818,14 @@ class Group:
             self._group.stop_all()
             raise
         finally:
+            if watchdog is not None:
+                watchdog.close()
+                if watchdog.tripped:
+                    result_end = LoopEnd.watchdog
             self._running = False
             self._stop_requested = False
+        if result_end == LoopEnd.watchdog:
+            self._watchdog_trips += 1
         return LoopResult(result_end, periods)
 
 

@@ -8,9 +8,14 @@
 #include <pybind11/stl.h>
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cmath>
+#include <condition_variable>
+#include <ctime>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -143,6 +148,69 @@ private:
 
     ActuatorGroup group_;
     GroupSnapshot snapshot_;
+};
+
+int64_t monotonic_ns() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
+}
+
+// The watchdog of a control loop that runs on an asyncio event loop: a thread
+// of its own that stops every actuator of the group when the period in
+// progress has not ended `missed_periods` periods after its deadline. Being a
+// thread, it acts while a callback blocks the event loop, which no task on
+// that loop could. The loop calls beat() with each period's deadline before
+// it waits for it, and idle() when it is not running a period.
+class GroupWatchdog {
+public:
+    GroupWatchdog(PythonGroup& group, double period_s, int missed_periods)
+        : group_(group.group()),
+          period_ns_(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                         duration_from_seconds(period_s, "period")).count()),
+          limit_ns_(period_ns_ * missed_periods) {
+        if (period_ns_ <= 0) throw py::value_error("period must be positive");
+        if (missed_periods <= 0) throw py::value_error("missed_periods must be positive");
+        thread_ = std::thread([this] { watch(); });
+    }
+    ~GroupWatchdog() { close(); }
+    GroupWatchdog(const GroupWatchdog&) = delete;
+    GroupWatchdog& operator=(const GroupWatchdog&) = delete;
+
+    // `deadline_s` is on the clock of time.monotonic() and loop.time().
+    void beat(double deadline_s) { deadline_ns_.store(static_cast<int64_t>(std::llround(deadline_s * 1e9))); }
+    void idle() { deadline_ns_.store(0); }
+    bool tripped() const { return tripped_.load(); }
+
+    void close() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            done_ = true;
+        }
+        wake_.notify_all();
+        if (thread_.joinable()) thread_.join();
+    }
+
+private:
+    void watch() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        while (!done_) {
+            wake_.wait_for(lock, std::chrono::nanoseconds(period_ns_));
+            const int64_t deadline = deadline_ns_.load();
+            if (done_ || deadline == 0 || monotonic_ns() - deadline < limit_ns_) continue;
+            if (!tripped_.exchange(true)) group_.stop_all();
+        }
+    }
+
+    ActuatorGroup& group_;
+    const int64_t period_ns_;
+    const int64_t limit_ns_;
+    std::atomic<int64_t> deadline_ns_{0};
+    std::atomic<bool> tripped_{false};
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    bool done_ = false;
+    std::thread thread_;
 };
 
 // The group owns C++ objects whose destructor sends (a STOP to every
@@ -348,6 +416,20 @@ loop on an asyncio event loop.)doc")
                 return false;
             },
             "Stops every actuator at the end of a ``with`` block, however it ends.");
+
+    py::class_<GroupWatchdog, Holder<GroupWatchdog>>(module, "_GroupWatchdog", R"doc(
+The watchdog thread of ``ocp_api.aio.Group.run``: stops every actuator of the
+group when the period whose deadline ``beat`` gave has not ended
+``missed_periods`` periods after it, even while the event loop is blocked.
+``close`` (or deleting it) stops the thread.)doc")
+        .def(py::init([](PythonGroup& group, double period_s, int missed_periods) {
+                 return Holder<GroupWatchdog>(new GroupWatchdog(group, period_s, missed_periods));
+             }),
+             py::arg("group"), py::arg("period_s"), py::arg("missed_periods"), py::keep_alive<1, 2>())
+        .def("beat", &GroupWatchdog::beat, py::arg("deadline_s"))
+        .def("idle", &GroupWatchdog::idle)
+        .def_property_readonly("tripped", &GroupWatchdog::tripped)
+        .def("close", &GroupWatchdog::close, release_gil());
 }
 
 }  // namespace ocp_api::python
