@@ -9,10 +9,13 @@ waiting for the bus's worker when it closes never reaches the device."""
 
 import ast
 import asyncio
+import gc
 import math
 import pathlib
 import time
+import uuid
 
+import can
 import pytest
 
 import ocp_api
@@ -297,6 +300,47 @@ def test_loop_and_group_statistics_count_periods_and_frames(sim):
     (bus,) = statistics.buses
     assert bus.link is None and isinstance(bus.counters, ocp_api.SimBusCounters)
     assert bus.counters.frames_received >= 2 * 25
+
+
+def test_one_group_over_a_python_can_bus_and_a_simulated_bus(sim):
+    name = "ocp-" + uuid.uuid4().hex
+    device_side = can.Bus(interface="virtual", channel=name, receive_own_messages=False)
+    host_side = can.Bus(interface="virtual", channel=name, receive_own_messages=False)
+    devices = ocp_api.PythonCanDeviceHost(device_side)
+    devices.add_actuator(0x21)
+    transport = ocp_api.PythonCanTransport(host_side)
+
+    async def main():
+        async with aio.Group(stale_after=BOUND_S) as group:
+            assert group.add(transport, 0x21) == 0
+            assert group.add(aio.Bus(sim), 0x21) == 1  # the same address on another bus
+            group.set_up("POS_FB_4C", feedback_rate_hz=200, mode="POSITION")
+            await group.wait_for_feedback(timeout=BOUND_S)
+            group.start_all()
+            assert wait_until(lambda: devices.actuator(0x21).is_running() and running(sim, 0x21))
+            period, seen = stop_after(5)
+            result = await group.run(period, rate_hz=100, duration=BOUND_S, **NO_WATCHDOG)
+            return result, seen[-1], group.statistics()
+
+    try:
+        result, snapshot, statistics = run(main())
+        assert result == aio.LoopResult(aio.LoopEnd.stop_requested, 5)
+        over_can, simulated = snapshot.actuators
+        assert (over_can.address, over_can.bus, simulated.address, simulated.bus) == (0x21, 0, 0x21, 1)
+        assert over_can.link == ocp_api.CanLinkState.active == "active" and simulated.link is None
+        assert over_can.running and simulated.running
+        can_bus, sim_bus = statistics.buses
+        assert can_bus.link == ocp_api.CanLinkState.active and isinstance(can_bus.counters, ocp_api.CanBusCounters)
+        assert can_bus.counters.messages_in > 0
+        assert sim_bus.link is None and isinstance(sim_bus.counters, ocp_api.SimBusCounters)
+        # Leaving async with stopped both, on both buses.
+        assert wait_until(lambda: not devices.actuator(0x21).is_running() and not running(sim, 0x21))
+    finally:
+        transport.close()
+        devices.close()
+        gc.collect()
+        host_side.shutdown()
+        device_side.shutdown()
 
 
 def test_a_fault_is_decoded_in_the_snapshot(sim, capsys):
