@@ -690,7 +690,8 @@ class Group:
     # --- the loop -------------------------------------------------------------------
     def request_stop(self) -> None:
         """Ends a running ``run`` before its next period (the actuators keep
-        their state; leaving ``async with`` stops them)."""
+        their state; leaving ``async with`` stops them). Call it on the event
+        loop's thread; from another, ``loop.call_soon_threadsafe(group.request_stop)``."""
         self._stop_requested = True
         if self._wake is not None and not self._wake.done():
             self._wake.set_result(None)

@@ -11,7 +11,12 @@ import ast
 import asyncio
 import gc
 import math
+import os
 import pathlib
+import signal
+import subprocess
+import sys
+import textwrap
 import time
 import uuid
 
@@ -341,6 +346,46 @@ def test_one_group_over_a_python_can_bus_and_a_simulated_bus(sim):
         gc.collect()
         host_side.shutdown()
         device_side.shutdown()
+
+
+CTRL_C_CHILD = textwrap.dedent("""
+    import asyncio, sys, time
+    import ocp_api
+    from ocp_api import aio
+
+    sim = ocp_api.SimBus()
+    sim.add_actuator(0x21)
+
+    async def main():
+        async with aio.Group() as group:
+            group.add(sim, 0x21)
+            group.set_up("POS_FB_4C", mode="SPEED")
+            group.start_all()
+            def period(snapshot, group):
+                if snapshot.number == 3:
+                    print("looping", flush=True)
+            await group.run(period, rate_hz=100, watchdog_missed_periods=0)
+
+    try:
+        asyncio.run(main())
+    except KeyboardInterrupt:
+        give_up = time.monotonic() + 10
+        while sim.actuator(0x21).is_running() and time.monotonic() < give_up:
+            time.sleep(0.001)
+        print("interrupted; running:", sim.actuator(0x21).is_running(), flush=True)
+""")
+
+
+def test_ctrl_c_ends_the_loop_with_every_actuator_stopped():
+    child = subprocess.Popen([sys.executable, "-c", CTRL_C_CHILD], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                             text=True, env=dict(os.environ))
+    try:
+        assert child.stdout.readline() == "looping\n"
+        child.send_signal(signal.SIGINT)
+        out, err = child.communicate(timeout=60)
+    finally:
+        child.kill()
+    assert (out, child.returncode) == ("interrupted; running: False\n", 0), err
 
 
 def test_a_fault_is_decoded_in_the_snapshot(sim, capsys):
