@@ -737,6 +737,9 @@ class Group:
         periods = 0
         start = loop.time()
         end = math.inf if duration is None else start + duration
+        # Deadlines are counted in whole periods from the start, not summed:
+        # no rounding error builds up over a long run.
+        number = 1
         deadline = start + period
         missed_in_row = 0
         result_end = LoopEnd.duration_elapsed
@@ -773,7 +776,8 @@ class Group:
                         # end were all missed, none after it belongs to the run.
                         self._missed_periods += int((end - deadline) // period) + 1
                         break
-                    deadline += skipped * period
+                    number += skipped
+                    deadline = start + number * period
                     missed_in_row += skipped
                 else:
                     missed_in_row = 0
@@ -808,7 +812,8 @@ class Group:
                 self._missed_periods += skipped
                 self._period_error.record(woke - deadline)
                 self._callback_time.record(done - woke)
-                deadline += period
+                number += 1
+                deadline = start + number * period
         except asyncio.CancelledError:
             self._group.stop_all()
             if not self._tripped:

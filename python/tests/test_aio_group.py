@@ -348,6 +348,30 @@ def test_one_group_over_a_python_can_bus_and_a_simulated_bus(sim):
         device_side.shutdown()
 
 
+def test_feedback_missing_too_long_stops_the_group(sim):
+    async def main():
+        async with aio.Group(stop_when_missing_for=0.05) as group:
+            for address in STREAMING:
+                group.add(sim, address)
+            group.set_up("POS_FB_4C", feedback_rate_hz=1000, mode="POSITION")
+            await group.wait_for_feedback(timeout=BOUND_S)
+            group.start_all()
+            assert wait_until(lambda: all(running(sim, address) for address in STREAMING))
+
+            def period(snapshot, group):
+                if snapshot.actuators[1].status == aio.FeedbackStatus.fresh:
+                    sim.actuator(0x22).set_silent(True)  # unplugged while running
+
+            result = await group.run(period, rate_hz=200, duration=BOUND_S, **NO_WATCHDOG)
+            return result, group.snapshot()
+
+    result, snapshot = run(main())
+    assert result.end == aio.LoopEnd.feedback_lost
+    assert [joint.running for joint in snapshot.actuators] == [False, False]
+    assert snapshot.actuators[1].status == aio.FeedbackStatus.missing
+    assert wait_until(lambda: not running(sim, 0x21))
+
+
 CTRL_C_CHILD = textwrap.dedent("""
     import asyncio, sys, time
     import ocp_api
