@@ -10,12 +10,24 @@ also by name: ``OrreryActuator.OCP_Items["POS_FB_41"]``. Diagnostic lines go to
 
 ``ocp_api.aio`` is the asyncio layer for robot programs: awaitable calls that
 raise ``ocp_api.aio.OcpTimeoutError`` (a ``TimeoutError``), typed replies and
-feedback as an async iterator.
+feedback as an async iterator, and ``ocp_api.aio.Group``, the control loop over
+an ``ActuatorGroup`` on the event loop.
 """
 
 from ._ocp_api import (
     OCP,
     UNCHANGED,
+    ActuatorGroup,
+    ActuatorSnapshot,
+    ActuatorStatistics,
+    BusStatistics,
+    CanLinkState,
+    FaultRecord,
+    FeedbackStatus,
+    GroupSnapshot,
+    GroupStatistics,
+    TimingHistogram,
+    TimingSummary,
     EmulatedActuator,
     FoundDevice,
     OrreryActuator,
@@ -40,6 +52,17 @@ from ._ocp_api import (
 __all__ = [
     "OCP",
     "UNCHANGED",
+    "ActuatorGroup",
+    "ActuatorSnapshot",
+    "ActuatorStatistics",
+    "BusStatistics",
+    "CanLinkState",
+    "FaultRecord",
+    "FeedbackStatus",
+    "GroupSnapshot",
+    "GroupStatistics",
+    "TimingHistogram",
+    "TimingSummary",
     "EmulatedActuator",
     "FoundDevice",
     "OrreryActuator",

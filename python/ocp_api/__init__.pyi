@@ -5,7 +5,8 @@
 # .value, int(member) is the code on the wire, Enum["NAME"] and
 # Enum.__members__ look members up by name, Enum(code) by code.
 import datetime
-from typing import Any, Callable, ClassVar, Dict, List, Optional, Sequence, Tuple, TypeVar, Union
+import enum
+from typing import (Any, Callable, ClassVar, Dict, List, NamedTuple, Optional, Sequence, Tuple, TypeVar, Union)
 
 _E = TypeVar("_E", bound="_Enumeration")
 _T = TypeVar("_T")
@@ -526,3 +527,121 @@ class FoundDevice:
 
 def scan_bus(bus: OCP, first_address: int, last_address: int, attempts: int = 1,
              answer_period_s: float = 0.05) -> List[FoundDevice]: ...
+
+
+# --- the control-loop group --------------------------------------------------
+# Times are seconds on the clock of time.monotonic(); statistics are in
+# microseconds. The records are named tuples; the statuses are string
+# enumerations (FeedbackStatus.fresh == "fresh").
+
+class FeedbackStatus(enum.StrEnum):
+    fresh = "fresh"
+    stale = "stale"
+    missing = "missing"
+
+
+class CanLinkState(enum.StrEnum):
+    active = "active"
+    error_warning = "error_warning"
+    error_passive = "error_passive"
+    bus_off = "bus_off"
+    down = "down"
+
+
+class FaultRecord(NamedTuple):
+    present: bool
+    error_word: int
+    severe: bool
+    when: Optional[float]
+    count: int
+    descriptions: Tuple[str, ...]
+
+
+class ActuatorSnapshot(NamedTuple):
+    address: int
+    bus: int
+    status: FeedbackStatus
+    sequence: int
+    arrival: Optional[float]
+    age: Optional[float]
+    values: Dict[str, float]
+    words: Dict[str, int]
+    running: bool
+    answering: bool
+    fault: FaultRecord
+    link: Optional[CanLinkState]
+
+
+class GroupSnapshot(NamedTuple):
+    taken: float
+    number: int
+    actuators: Tuple[ActuatorSnapshot, ...]
+
+
+class TimingSummary(NamedTuple):
+    p50_us: float
+    p99_us: float
+    max_us: float
+    count: int
+
+
+class ActuatorStatistics(NamedTuple):
+    address: int
+    bus: int
+    feedback_age: TimingSummary
+    fresh: int
+    stale: int
+    missing: int
+    setpoints_short: int
+    setpoints_full: int
+    setpoints_superseded: int
+    setpoints_refused: int
+    faults: int
+    restarts: int
+    pings: int
+
+
+class BusStatistics(NamedTuple):
+    link: Optional[CanLinkState]
+    counters: Union[SimBusCounters, CanBusCounters, None]
+
+
+class GroupStatistics(NamedTuple):
+    actuators: Tuple[ActuatorStatistics, ...]
+    buses: Tuple[BusStatistics, ...]
+
+
+class TimingHistogram:
+    def __init__(self) -> None: ...
+    def record(self, seconds: float) -> None: ...
+    def reset(self) -> None: ...
+    @property
+    def count(self) -> int: ...
+    @property
+    def max(self) -> float: ...
+    def percentile(self, q: float) -> float: ...
+    def summary(self) -> TimingSummary: ...
+
+
+class ActuatorGroup:
+    """Actuators on any number of buses driven together, as the joints of one robot."""
+    def __init__(self, stale_after: float = 0.02, silent_after: float = 0.2, ping_interval: float = 0.2,
+                 stop_when_missing_for: float = 0.0) -> None: ...
+    def add(self, bus: OCP, address: int) -> int: ...
+    def __len__(self) -> int: ...
+    def address(self, index: int) -> int: ...
+    def set_up(self, items: Sequence[_OCP_Items], feedback_rate_hz: int = 1000, mode: _Mode = ...) -> None: ...
+    def start(self, index: int) -> None: ...
+    def start_all(self) -> None: ...
+    def stop(self, index: int) -> None: ...
+    def stop_all(self) -> None: ...
+    def take_snapshot(self) -> GroupSnapshot: ...
+    def set_setpoint(self, index: int, value: float, extras: Optional[Sequence[Optional[float]]] = None) -> bool: ...
+    def send_setpoints(self) -> int: ...
+    def maintain(self) -> None: ...
+    @property
+    def feedback_lost(self) -> bool: ...
+    def statistics(self) -> GroupStatistics: ...
+    def reset_statistics(self) -> None: ...
+    def __enter__(self) -> "ActuatorGroup": ...
+    def __exit__(self, *exc_info: Any) -> bool: ...

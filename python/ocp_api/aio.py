@@ -15,6 +15,10 @@ programs are written.
   reply to the event loop with ``call_soon_threadsafe``, at most one hand-over
   pending at a time: a consumer slower than the stream gets the latest reply,
   never an ever longer queue (``FeedbackStream.coalesced`` counts the skipped).
+- ``Group`` drives many actuators on any number of buses as one robot: a
+  periodic loop on the event loop (absolute deadlines, missed periods skipped,
+  a watchdog), a snapshot of every actuator's feedback each period, and the
+  loop's and the group's statistics; ``async with`` stops every actuator.
 
 ::
 
@@ -33,10 +37,13 @@ programs are written.
 
 import asyncio
 import dataclasses
+import enum
+import inspect
+import math
 import sys
 import threading
 import time
-from typing import Any, Dict, Iterable, List, Mapping, Optional, Union
+from typing import Any, Awaitable, Callable, Dict, Iterable, List, Mapping, Optional, Union
 
 from . import _ocp_api
 
@@ -44,6 +51,9 @@ OrreryActuator = _ocp_api.OrreryActuator
 Items = OrreryActuator.OCP_Items
 ParameterIds = OrreryActuator.OCP_Parameters
 Mode = OrreryActuator.Mode
+FeedbackStatus = _ocp_api.FeedbackStatus
+GroupSnapshot = _ocp_api.GroupSnapshot
+ActuatorSnapshot = _ocp_api.ActuatorSnapshot
 
 __all__ = [
     "OcpTimeoutError",
@@ -56,6 +66,13 @@ __all__ = [
     "FeedbackStream",
     "open_bus",
     "python_can_bus",
+    "Group",
+    "LoopEnd",
+    "LoopResult",
+    "LoopStatistics",
+    "GroupSnapshot",
+    "ActuatorSnapshot",
+    "FeedbackStatus",
     "Items",
     "ParameterIds",
     "Mode",
@@ -473,3 +490,351 @@ def open_bus(bus: str) -> Bus:
 def python_can_bus(can_bus, fd: bool = False) -> Bus:
     """Any python-can ``Bus`` through the library's CAN mapping."""
     return Bus(_ocp_api.PythonCanTransport(can_bus, fd=fd))
+
+
+# --- the control-loop group ---------------------------------------------------
+
+class LoopEnd(enum.StrEnum):
+    """Why ``Group.run`` returned."""
+    duration_elapsed = "duration_elapsed"
+    stop_requested = "stop_requested"
+    watchdog = "watchdog"            # periods missed in a row: every actuator was stopped
+    feedback_lost = "feedback_lost"  # stop_when_missing_for: every actuator was stopped
+
+
+@dataclasses.dataclass(frozen=True)
+class LoopResult:
+    end: LoopEnd
+    periods: int  # periods the callback ran in
+
+
+@dataclasses.dataclass(frozen=True)
+class LoopStatistics:
+    """How well ``Group.run`` kept time, since the group was made or its
+    statistics were reset. Times are ``ocp_api.TimingSummary`` in microseconds."""
+    periods: int                     # callbacks run
+    missed_periods: int              # deadlines skipped because the loop was late
+    watchdog_trips: int
+    period_error: Any                # wake-up time minus the deadline of the period served
+    callback_time: Any               # from wake-up to the end of the period
+
+
+# The further arguments of each mode's full command, in the order the group
+# takes them: the keyword names of Actuator.set_torque / set_speed / ...
+_SETPOINT_EXTRAS = {
+    Mode.TORQUE: ("aux_0d", "aux_0e", "aux_0f", "a5"),
+    Mode.SPEED: ("speed_ff", "aux_0e", "aux_0d", "t_ff"),
+    Mode.POSITION: ("speed_ff", "aux_0e", "aux_0d", "aux_0f", "t_ff"),
+    Mode.IMPEDANCE: ("speed_ff", "k_stiff", "k_damp", "a5", "t_ff", "a7", "a8"),
+}
+
+PeriodCallback = Callable[[Any, "Group"], Optional[Awaitable[None]]]
+
+
+class Group:
+    """Actuators on any number of buses driven together, as the joints of one
+    robot, with a periodic control loop on the event loop.
+
+    ::
+
+        async with aio.Group() as group:
+            group.add(bus, 0x21)
+            group.set_up("POS_FB_4C", "SPD_FB_45", feedback_rate_hz=1000, mode="POSITION")
+            await group.wait_for_feedback()
+            group.start_all()
+            result = await group.run(period, rate_hz=500, duration=2.0)
+
+    Leaving the ``async with`` block stops every actuator, however it ends; so
+    does ``run`` when the callback raises, when the run is cancelled and when
+    its watchdog trips. The loop runs on the event loop's thread, so the
+    callback may use the group directly; the group's own calls release the GIL.
+    """
+
+    def __init__(self, *, stale_after: float = 0.02, silent_after: float = 0.2, ping_interval: float = 0.2,
+                 stop_when_missing_for: Optional[float] = None):
+        self._group = _ocp_api.ActuatorGroup(stale_after, silent_after, ping_interval,
+                                             stop_when_missing_for or 0.0)
+        self._extras = _SETPOINT_EXTRAS[Mode.IMPEDANCE]
+        self._period_error = _ocp_api.TimingHistogram()
+        self._callback_time = _ocp_api.TimingHistogram()
+        self._periods = 0
+        self._missed_periods = 0
+        self._watchdog_trips = 0
+        self._running = False
+        self._stop_requested = False
+        self._tripped = False
+        self._wake: Optional[asyncio.Future] = None
+        self._last_snapshot = None
+
+    @property
+    def group(self):
+        """The ``ocp_api.ActuatorGroup`` underneath."""
+        return self._group
+
+    def __len__(self) -> int:
+        return len(self._group)
+
+    def __repr__(self) -> str:
+        addresses = ", ".join(f"0x{self._group.address(i):02x}" for i in range(len(self._group)))
+        return f"<aio.Group [{addresses}]{' running' if self._running else ''}>"
+
+    @property
+    def addresses(self) -> List[int]:
+        return [self._group.address(index) for index in range(len(self._group))]
+
+    async def __aenter__(self):
+        return self
+
+    async def __aexit__(self, *exc_info):
+        self.request_stop()
+        self._group.stop_all()
+        return False
+
+    # --- set-up and commands ---------------------------------------------------
+    def add(self, bus, address: int) -> int:
+        """Adds the actuator at ``address`` on ``bus`` (an ``aio.Bus`` or any
+        ``ocp_api.OCP`` transport) and returns its index. ``ValueError`` for an
+        address that this or another group already drives on that bus."""
+        return self._group.add(bus.transport if isinstance(bus, Bus) else bus, address)
+
+    def set_up(self, *items: Union[str, Any], feedback_rate_hz: int = 1000, mode: Union[str, Any] = "IMPEDANCE") -> None:
+        """Sends every actuator STOP, the feedback items and rate and the mode,
+        and leaves them stopped. A device that restarts is set up again, and
+        left stopped, by the loop."""
+        chosen = _members(Mode, [mode])[0]
+        self._group.set_up(_members(Items, items), int(feedback_rate_hz), chosen)
+        self._extras = _SETPOINT_EXTRAS[chosen]
+
+    def start(self, index: int) -> None:
+        self._group.start(index)
+
+    def start_all(self) -> None:
+        self._group.start_all()
+
+    def stop(self, index: int) -> None:
+        self._group.stop(index)
+
+    def stop_all(self) -> None:
+        """Sends every actuator a STOP."""
+        self._group.stop_all()
+
+    def set_setpoint(self, index: int, value: float, **extras: Optional[float]) -> bool:
+        """The mode's main setpoint for actuator ``index``, sent at the end of
+        the period; keyword arguments are the further ones of the mode's full
+        command, named as in ``Actuator.set_position`` etc. (left out:
+        unchanged). Only the 5-byte setpoint frame goes out while they stay the
+        same. False, and counted, for a non-finite value."""
+        if not extras:
+            return self._group.set_setpoint(index, value)
+        arguments = [None] * len(self._extras)
+        for name, extra in extras.items():
+            try:
+                arguments[self._extras.index(name)] = extra
+            except ValueError:
+                raise TypeError(f"set_setpoint() got an unexpected keyword argument {name!r} for this mode "
+                                f"(takes {', '.join(self._extras)})") from None
+        return self._group.set_setpoint(index, value, arguments)
+
+    def send_setpoints(self) -> int:
+        """Sends the setpoints set since the last call (``run`` does it each period)."""
+        return self._group.send_setpoints()
+
+    # --- reading ----------------------------------------------------------------
+    def snapshot(self):
+        """Takes a snapshot now (``run`` takes one each period): an
+        ``ocp_api.GroupSnapshot``. The fresh/stale/missing counts include it."""
+        self._last_snapshot = self._group.take_snapshot()
+        return self._last_snapshot
+
+    @property
+    def last_snapshot(self):
+        """The snapshot of the latest period (None before the first)."""
+        return self._last_snapshot
+
+    async def wait_for_feedback(self, timeout: float = 1.0, poll: float = 0.005):
+        """Waits until every actuator's feedback has arrived at least once,
+        taking snapshots every ``poll`` s and keeping the devices set up (as
+        the loop does each period); returns the last snapshot.
+        ``OcpTimeoutError`` naming the silent addresses when some have not
+        answered within ``timeout`` s."""
+        loop = asyncio.get_running_loop()
+        give_up = loop.time() + timeout
+        while True:
+            snapshot = self.snapshot()
+            silent = [joint.address for joint in snapshot.actuators if joint.sequence == 0]
+            if not silent:
+                return snapshot
+            self._group.maintain()
+            if loop.time() >= give_up:
+                listed = ", ".join(f"0x{address:02x}" for address in silent)
+                raise OcpTimeoutError(f"no feedback within {timeout} s from {listed}",
+                                      silent[0] if len(silent) == 1 else None, "wait_for_feedback")
+            await asyncio.sleep(poll)
+
+    def statistics(self):
+        """Per actuator and per bus counts: an ``ocp_api.GroupStatistics``."""
+        return self._group.statistics()
+
+    def loop_statistics(self) -> LoopStatistics:
+        """How well ``run`` kept time, as a ``LoopStatistics``."""
+        return LoopStatistics(self._periods, self._missed_periods, self._watchdog_trips,
+                              self._period_error.summary(), self._callback_time.summary())
+
+    def reset_statistics(self) -> None:
+        """Resets the group's and the loop's statistics."""
+        self._group.reset_statistics()
+        self._period_error.reset()
+        self._callback_time.reset()
+        self._periods = self._missed_periods = self._watchdog_trips = 0
+
+    # --- the loop -------------------------------------------------------------------
+    def request_stop(self) -> None:
+        """Ends a running ``run`` before its next period (the actuators keep
+        their state; leaving ``async with`` stops them). Call it on the event
+        loop's thread; from another, ``loop.call_soon_threadsafe(group.request_stop)``."""
+        self._stop_requested = True
+        if self._wake is not None and not self._wake.done():
+            self._wake.set_result(None)
+
+    def _trip(self, task: asyncio.Task) -> None:
+        """A coroutine callback has not ended in time: the watchdog thread
+        stops the actuators; this ends the run."""
+        self._group.stop_all()
+        self._tripped = True
+        task.cancel()
+
+    async def run(self, callback: PeriodCallback, *, rate_hz: float, duration: Optional[float] = None,
+                  watchdog_missed_periods: int = 10) -> LoopResult:
+        """Runs ``callback(snapshot, group)`` (a function or a coroutine
+        function) once a period at ``rate_hz`` until ``duration`` s have passed
+        (None: until ``request_stop``), then sends the setpoints it set and
+        keeps the devices set up.
+
+        Periods follow absolute deadlines on ``loop.time()``: the callback's
+        own time does not shift the next one; when the loop wakes whole periods
+        late it skips them (counted as missed), never running them in a burst.
+        The watchdog stops every actuator and ends the run (``LoopEnd.watchdog``)
+        when ``watchdog_missed_periods`` periods in a row are missed, or a
+        period has not ended that many periods after its deadline: it is a
+        thread of its own, so it stops the actuators even while a callback
+        blocks the event loop; a coroutine callback that overruns so is
+        cancelled. 0 switches the watchdog off. When the callback raises, or
+        the run is cancelled, every actuator is stopped and the exception
+        passes on."""
+        if not rate_hz > 0 or not math.isfinite(rate_hz):
+            raise ValueError(f"rate_hz must be a positive number, not {rate_hz}")
+        if watchdog_missed_periods < 0:
+            raise ValueError("watchdog_missed_periods must not be negative")
+        if self._running:
+            raise RuntimeError("Group.run is already running")
+        loop = asyncio.get_running_loop()
+        task = asyncio.current_task()
+        period = 1.0 / rate_hz
+        limit = watchdog_missed_periods * period
+        self._running = True
+        self._stop_requested = False
+        self._tripped = False
+        periods = 0
+        start = loop.time()
+        end = math.inf if duration is None else start + duration
+        # Deadlines are counted in whole periods from the start, not summed:
+        # no rounding error builds up over a long run.
+        number = 1
+        deadline = start + period
+        missed_in_row = 0
+        result_end = LoopEnd.duration_elapsed
+        watchdog = (_ocp_api._GroupWatchdog(self._group, period, watchdog_missed_periods)
+                    if watchdog_missed_periods else None)
+        try:
+            while True:
+                if watchdog is not None and watchdog.tripped:
+                    result_end = LoopEnd.watchdog
+                    break
+                if self._stop_requested:
+                    result_end = LoopEnd.stop_requested
+                    break
+                if deadline > end:
+                    break
+                if watchdog is not None:
+                    watchdog.beat(deadline)
+                self._wake = loop.create_future()
+                timer = loop.call_at(deadline, _set_unless_done, self._wake)
+                try:
+                    await self._wake
+                finally:
+                    timer.cancel()
+                    self._wake = None
+                if self._stop_requested:
+                    result_end = LoopEnd.stop_requested
+                    break
+                woke = loop.time()
+                skipped = 0
+                if woke - deadline >= period:
+                    skipped = int((woke - deadline) // period)
+                    if deadline + skipped * period > end:
+                        # Woke past the end of the run: the deadlines up to the
+                        # end were all missed, none after it belongs to the run.
+                        self._missed_periods += int((end - deadline) // period) + 1
+                        break
+                    number += skipped
+                    deadline = start + number * period
+                    missed_in_row += skipped
+                else:
+                    missed_in_row = 0
+                if watchdog_missed_periods and missed_in_row >= watchdog_missed_periods:
+                    self._group.stop_all()
+                    self._missed_periods += skipped
+                    result_end = LoopEnd.watchdog
+                    break
+                snapshot = self._last_snapshot = self._group.take_snapshot()
+                if self._group.feedback_lost:
+                    self._group.stop_all()
+                    result_end = LoopEnd.feedback_lost
+                    break
+                outcome = callback(snapshot, self)
+                if inspect.isawaitable(outcome):
+                    overrun = loop.call_at(deadline + limit, self._trip, task) if watchdog is not None else None
+                    try:
+                        await outcome
+                    finally:
+                        if overrun is not None:
+                            overrun.cancel()
+                if watchdog is not None and watchdog.tripped:
+                    # The watchdog stopped the actuators while the callback
+                    # ran: its setpoints stay unsent.
+                    result_end = LoopEnd.watchdog
+                    break
+                self._group.send_setpoints()
+                self._group.maintain()
+                done = loop.time()
+                periods += 1
+                self._periods += 1
+                self._missed_periods += skipped
+                self._period_error.record(woke - deadline)
+                self._callback_time.record(done - woke)
+                number += 1
+                deadline = start + number * period
+        except asyncio.CancelledError:
+            self._group.stop_all()
+            if not self._tripped:
+                raise
+            task.uncancel()
+            result_end = LoopEnd.watchdog
+        except BaseException:
+            self._group.stop_all()
+            raise
+        finally:
+            if watchdog is not None:
+                watchdog.close()
+                if watchdog.tripped:
+                    result_end = LoopEnd.watchdog
+            self._running = False
+            self._stop_requested = False
+        if result_end == LoopEnd.watchdog:
+            self._watchdog_trips += 1
+        return LoopResult(result_end, periods)
+
+
+def _set_unless_done(future: asyncio.Future) -> None:
+    if not future.done():
+        future.set_result(None)

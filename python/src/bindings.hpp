@@ -28,6 +28,10 @@ void define_virtual_actuator(VirtualClass& simulated);
 // SimBus, SimBusOptions, SimBusCounters, EmulatedActuator.
 void bind_sim_bus(py::module_& module);
 
+// ActuatorGroup, TimingHistogram and the named tuples of its snapshot and
+// statistics. Run after the transports and their counters are bound.
+void bind_actuator_group(py::module_& module);
+
 // The library's diagnostic lines through sys.stdout and sys.stderr.
 void bind_diagnostics(py::module_& module);
 

@@ -38,5 +38,6 @@ PYBIND11_MODULE(_ocp_api, module) {
     bind_sim_bus(module);
     bind_python_can(module);
     bind_socketcan(module);
+    bind_actuator_group(module);
     module.attr("UNCHANGED") = ocp_api::UNCHANGED;
 }

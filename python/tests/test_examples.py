@@ -83,3 +83,29 @@ def test_aio_move_finds_reads_moves_and_raises_on_silence():
         "0x21 " + limits + "0x22 " + limits + "0x23 " + limits +
         "0x21 at 0.25 rad\n0x22 at 0.50 rad\n0x23 at 0.75 rad\n"
         "OcpTimeoutError: address 0x30: no answer to a ping within 0.1 s\n")
+
+
+def test_aio_group_runs_the_loop_and_reports_every_joint():
+    result = run("aio_group.py")
+    assert result.returncode == 0, result.stderr
+    assert result.stderr == ""
+    lines = result.stdout.splitlines()
+    assert lines[0] == "no feedback within 0.5 s from 0x30"
+    summary, *joints = lines[1:]
+    if summary.startswith("watchdog: "):
+        # A machine loaded enough to stall the loop 20 periods: the watchdog
+        # stopped the joints, as it should; the counts below assume a full run.
+        return
+    assert summary.startswith("duration_elapsed: ") and " periods, " in summary
+    periods = int(summary.split()[1])
+    assert [line.split()[0] for line in joints] == ["0x21", "0x22", "0x23", "0x30"]
+    for line in joints[:3]:
+        words = line.split()
+        assert words[1] in ("fresh", "stale")  # stale only on a machine loaded enough to delay the bus
+        fresh, stale, missing = int(words[5]), int(words[7]), int(words[9])
+        assert fresh + stale + missing == periods and fresh > 0
+        # A setpoint in every period the joint's feedback was there: the first
+        # one full (it carries the gains), the others short.
+        assert words[10:13] == ["setpoints", "1", "full"] and 1 + int(words[13]) == fresh + stale
+    assert joints[3].split()[1] == "missing"
+    assert joints[3].split()[3:11] == ["+nan", "fresh", "0", "stale", "0", "missing", str(periods), "setpoints"]
