@@ -95,7 +95,8 @@ public:
     bool send(int address, const std::vector<uint8_t>& frame) override;
     void setCallback(int address, ReceiveCallback callback) override;
     void removeCallback(int address) override;
-    // Stops the worker; later sends return false. Once close() has returned no
+    // Stops the worker; later sends return false. A STOP still waiting for the
+    // worker reaches its device first; other waiting frames are dropped. Once close() has returned no
     // callback starts any more, not even for replies already due: called from
     // another thread it returns after the worker has stopped; called from
     // inside a callback, that callback finishes but no other one runs. Replies
@@ -119,6 +120,7 @@ private:
     void join_worker();
     bool advance_devices(Clock::time_point now);
     void process_inbound(Clock::time_point now);
+    void handle_waiting_stops(Clock::time_point now);
     void handle_frame(int address, const std::vector<uint8_t>& frame, Clock::time_point now);
     void queue_reply(int address, std::vector<uint8_t> bytes, int kind, Clock::time_point due);
     bool draw_loss();

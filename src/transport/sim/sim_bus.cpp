@@ -200,6 +200,7 @@ void SimBus::removeCallback(int address) { callbacks_.remove(address); }
 void SimBus::close() {
     {
         std::lock_guard<std::mutex> lock(mutex_);
+        if (!closed_) handle_waiting_stops(Clock::now());
         closed_ = true;
         stopping_ = true;
     }
@@ -210,6 +211,22 @@ void SimBus::close() {
     // From inside a callback the worker cannot wait for itself: it leaves its
     // loop when the callback returns, and the destructor joins it.
     if (worker_id_ != std::this_thread::get_id()) join_worker();
+}
+
+// A STOP sent just before the bus closes must still reach its device, or
+// the emulated actuator would be left running: the worker handles no frame
+// after close(), so close() hands the waiting STOPs over itself.
+void SimBus::handle_waiting_stops(Clock::time_point now) {
+    std::deque<Inbound>& frames = pending_->frames;
+    for (auto it = frames.begin(); it != frames.end();) {
+        if (it->command_class != wire::CommandClass::safety) {
+            ++it;
+            continue;
+        }
+        handle_frame(it->address, it->frame, now);
+        ++counters_.frames_handled;
+        it = frames.erase(it);
+    }
 }
 
 void SimBus::join_worker() {

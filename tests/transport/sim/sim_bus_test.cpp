@@ -463,3 +463,20 @@ TEST(SimBus, ACallbackThatThrowsIsCountedAndReportedOnce) {
     }
     EXPECT_EQ(errors.text(), "ocp_api: a receive callback for address 0x21 threw: boom; later ones are only counted\n");
 }
+
+// A STOP sent right before close() still reaches the device, whatever the
+// worker was doing: here it is held inside a callback the whole time.
+TEST(SimBus, AStopSentJustBeforeCloseStillStopsTheDevice) {
+    SimBus bus(SimBusOptions{1.0, std::chrono::microseconds(0)});
+    EmulatedActuator& device = bus.add_actuator(0x21);
+    ASSERT_TRUE(bus.send(0x21, command_bytes(wire::Command::START)));
+    ASSERT_TRUE(eventually([&] { return device.physics()->is_running(); }));
+    auto worker = std::make_unique<HeldWorker>(bus);
+    ASSERT_TRUE(bus.send(0x21, command_bytes(wire::Command::STOP)));
+    std::thread closer([&] { bus.close(); });
+    EXPECT_TRUE(eventually([&] { return !device.physics()->is_running(); }));
+    worker->release();
+    closer.join();
+    worker.reset();
+    EXPECT_FALSE(device.physics()->is_running());
+}
