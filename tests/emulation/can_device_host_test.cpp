@@ -195,8 +195,10 @@ TEST(CanDeviceHost, BehindTheClockItStaysResponsiveAndClosesPromptly) {
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(host.actuator_count(), 16u);
     host.close();
-    // 100 ms is the aim; a loaded test machine gets slack.
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+    // A host that waited to catch up with its clock (1000 times real time,
+    // 16 devices at 10 kHz) would not return for hours; the bound tells that
+    // hang from a loaded machine under a sanitizer, where closing took 7 s.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 30s);
 }
 
 }  // namespace
