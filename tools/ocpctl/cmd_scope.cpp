@@ -93,7 +93,7 @@ int run_scope(const ScopeOptions& options, const GlobalOptions& global) {
     scope::ScopeServer server(config, scope::AccessPolicy(hosts, token));
     const int port = server.bind();
     scope::TrafficTap* tap = nullptr;
-    std::unique_ptr<scope::ScopeSource> source = scope::open_actuator_source(global, addresses, &tap);
+    std::unique_ptr<scope::ScopeSource> source = scope::open_group_source(global, addresses, rate, &tap);
     // On every way out, in this order: no more requests, then the source
     // stops what it started and its feedback ends, then the server goes.
     const FinishSource finish_source{*source};
