@@ -342,7 +342,7 @@ private:
             std::lock_guard<std::mutex> lock(state_mutex_);
             // Only ever cleared from here: a stop the group saw (a severe
             // error, a set-up after a restart); starts come from start().
-            if (!a.running) entry->state.running = false;
+            if (!a.running || restarted) entry->state.running = false;
             if (restarted) entry->state.setpoint = NAN;  // the device forgot it
             entry->state.feedback = ocp_api::to_string(a.status);
             entry->state.feedback_age_s =
