@@ -71,10 +71,13 @@ TEST(ScopeGroupSource, APowerCycledDeviceIsSetUpAgainAndStaysStoppedUntilStarted
     source.start(0x22);
     ASSERT_TRUE(eventually([&] { return source.state(0x22).device_running.value_or(false); }));
     EXPECT_TRUE(source.state(0x22).running);
+    source.set_setpoint(0x22, 1.0f);
+    EXPECT_EQ(source.state(0x22).setpoint, 1.0f);
 
     source.power_cycle(0x22);
     ASSERT_TRUE(eventually([&] { return row_of(source, 0x22).restarts == 1; }));
-    // Set up again by the group, stopped, and so shown.
+    // Set up again by the group, stopped, and so shown (from the next snapshot).
+    ASSERT_TRUE(eventually([&] { return !source.state(0x22).running; }));
     DeviceState state = source.state(0x22);
     EXPECT_FALSE(state.running);
     EXPECT_EQ(state.device_running, std::optional<bool>(false));

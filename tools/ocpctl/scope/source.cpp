@@ -102,9 +102,16 @@ public:
     DeviceState state(int address) const override {
         const Entry& entry = find(address);
         DeviceState state;
+        ocp_api::FaultRecord fault;
         {
             std::lock_guard<std::mutex> lock(state_mutex_);
             state = entry.state;
+            fault = entry.fault;
+        }
+        if (fault.count > 0 || fault.present) {
+            state.fault_word = fault.error_word;
+            state.fault_texts = fault.descriptions();
+            state.fault_age_s = std::chrono::duration<double>(ocp_api::GroupClock::now() - fault.when).count();
         }
         if (ocp_api::SimBus* sim = const_cast<Bus&>(bus_).simulated()) {
             try {
@@ -282,6 +289,8 @@ private:
         DeviceState state;             // guarded by the source's state_mutex_
         std::atomic<uint64_t> stops{0};  // stop() calls, for a start in progress
         uint64_t restarts_seen = 0;    // the loop's
+        bool silent_seen = false;      // the loop's: silent at a snapshot since it last answered
+        ocp_api::FaultRecord fault;    // guarded by state_mutex_
         std::mutex administration;     // one parameter exchange at a time
     };
 
@@ -327,17 +336,31 @@ private:
         }
     }
 
+    // No allocation in steady state: the snapshot's storage is reused, and
+    // the statistics (a copy) are read only when a silent device answers
+    // again, to tell a restart from a stream that came back by itself.
     void run_period() {
         std::lock_guard<std::mutex> loop_lock(loop_mutex_);
         group_->take_snapshot(snapshot_);
         group_->send_setpoints();
         group_->maintain();
-        const auto statistics = group_->statistics();
+        bool answered_again = false;
+        for (auto& [address, entry] : entries_) {
+            const bool answering = snapshot_.actuators[entry->index].answering;
+            if (!answering) entry->silent_seen = true;
+            if (answering && entry->silent_seen) answered_again = true;
+        }
+        std::optional<ocp_api::GroupStatistics> statistics;
+        if (answered_again) statistics = group_->statistics();
         for (auto& [address, entry] : entries_) {
             const ocp_api::ActuatorSnapshot& a = snapshot_.actuators[entry->index];
-            const uint64_t restarts = statistics.actuators[entry->index].restarts;
-            const bool restarted = restarts != entry->restarts_seen;
-            entry->restarts_seen = restarts;
+            bool restarted = false;
+            if (a.answering && entry->silent_seen) {
+                entry->silent_seen = false;
+                const uint64_t restarts = statistics->actuators[entry->index].restarts;
+                restarted = restarts != entry->restarts_seen;
+                entry->restarts_seen = restarts;
+            }
             if (restarted) restore_mode(*entry);
             std::lock_guard<std::mutex> lock(state_mutex_);
             // Only ever cleared from here: a stop the group saw (a severe
@@ -348,11 +371,7 @@ private:
             entry->state.feedback_age_s =
                 a.sequence == 0 ? std::nullopt : std::optional<double>(std::chrono::duration<double>(a.age).count());
             entry->state.answering = a.answering;
-            if (a.fault.count > 0 || a.fault.present) {
-                entry->state.fault_word = a.fault.error_word;
-                entry->state.fault_texts = a.fault.descriptions();
-                entry->state.fault_age_s = std::chrono::duration<double>(snapshot_.taken - a.fault.when).count();
-            }
+            entry->fault = a.fault;
         }
     }
 
