@@ -256,9 +256,63 @@ def test_recordings_download_from_the_page(browser, scope, tmp_path):
     assert decoded.stderr == ""
 
 
+def group_row(driver, address):
+    """The statistics panel's row of one actuator, as column -> text."""
+    return driver.execute_script(
+        "const tr = document.querySelector('#group-table tr[data-address=\"' + arguments[0] + '\"]');"
+        "if (!tr) return null;"
+        "const row = {};"
+        "for (const td of tr.querySelectorAll('td[data-key]')) row[td.dataset.key] = td.textContent;"
+        "return row;", address)
+
+
+def test_group_statistics_appear_on_the_page_and_refresh(browser, scope):
+    first = wait_for(lambda: group_row(browser, "0x22"), "the statistics panel")
+    assert sorted(first) == sorted(["age_p50_ms", "age_p99_ms", "age_max_ms", "fresh", "stale", "missing", "faults",
+                                    "restarts", "setpoints", "superseded", "refused"])
+    # The snapshot counts grow while the page is open: the panel is live.
+    later = wait_for(lambda: int(group_row(browser, "0x22")["fresh"]) > int(first["fresh"] or 0) + 50
+                     and group_row(browser, "0x22"), "the fresh count to grow")
+    assert float(later["age_max_ms"]) > 0
+    assert later["restarts"] == "0"
+    # The panel shows what the server reports.
+    code, text = scope.request("GET", "/api/status")
+    rows = {row["hex"]: row for row in json.loads(text)["group"]}
+    assert rows["0x22"]["restarts"] == 0 and rows["0x22"]["fresh"] >= int(later["fresh"])
+    # The bus counters are in the footer.
+    footer = browser.find_element("id", "stats").text
+    assert re.search(r" · frames out \d+ · replies in \d+ · superseded on the bus \d+ · lost \d+", footer), footer
+
+
+def test_a_power_cycled_device_is_set_up_again_and_shows_stopped(browser, scope):
+    from selenium.webdriver.common.by import By
+
+    browser.execute_script("window.scrollTo(0, 0);")  # the bar at the top would take the clicks
+    device = card(browser, "0x22")
+    device.find_element(By.CSS_SELECTOR, ".start").click()
+    wait_for(lambda: scope.status()[0x22]["device_running"], "0x22 to run")
+    wait_for(lambda: device.find_element(By.CSS_SELECTOR, ".badge").text == "RUNNING", "the RUNNING badge")
+    device.find_element(By.CSS_SELECTOR, ".cycle").click()
+    # The group notices the silence, pings, sets the device up again and
+    # leaves it stopped; the page says so.
+    wait_for(lambda: group_row(browser, "0x22")["restarts"] == "1", "the restart to be counted", 30)
+    wait_for(lambda: device.find_element(By.CSS_SELECTOR, ".badge").text == "STOPPED", "the STOPPED badge")
+    status = scope.status()[0x22]
+    assert (status["running"], status["device_running"]) == (False, False)
+    # Its stream is back without anyone asking.
+    wait_for(lambda: scope.status()[0x22]["feedback"] == "fresh", "fresh feedback again")
+    assert "set up again" not in scope.errors()  # nothing for the terminal; the page shows it
+    # Started again from the page, it runs.
+    device.find_element(By.CSS_SELECTOR, ".start").click()
+    wait_for(lambda: scope.status()[0x22]["device_running"], "0x22 to run again")
+    assert scope.request("POST", "/api/stop", {"address": "0x22"})[0] == 200
+    wait_for(lambda: scope.status()[0x22]["device_running"] is False, "0x22 to stop")
+
+
 def test_screenshot(browser, scope):
     from selenium.webdriver.common.by import By
 
+    browser.execute_script("window.scrollTo(0, 0);")
     for address in ("0x21", "0x22"):
         card(browser, address).find_element(By.CSS_SELECTOR, ".start").click()
     scope.request("POST", "/api/setpoint", {"address": "0x21", "value": -1.0})

@@ -93,7 +93,7 @@ int run_scope(const ScopeOptions& options, const GlobalOptions& global) {
     scope::ScopeServer server(config, scope::AccessPolicy(hosts, token));
     const int port = server.bind();
     scope::TrafficTap* tap = nullptr;
-    std::unique_ptr<scope::ScopeSource> source = scope::open_actuator_source(global, addresses, &tap);
+    std::unique_ptr<scope::ScopeSource> source = scope::open_group_source(global, addresses, rate, &tap);
     // On every way out, in this order: no more requests, then the source
     // stops what it started and its feedback ends, then the server goes.
     const FinishSource finish_source{*source};
@@ -161,6 +161,8 @@ void add_scope_command(CLI::App& app, const GlobalOptions& global, Runner& runne
         "Prints the page's address, with its access token, and serves until Ctrl-C.\n"
         "Only the page itself may send commands: requests need the token and the\n"
         "page's own origin. Every actuator started from the page is stopped on exit.\n"
+        "The actuators are driven as one group: set up stopped on start, and set up\n"
+        "again (left stopped) when one answers after a restart.\n"
         "Examples:\n"
         "  ocpctl scope 0x21 0x22 0x23\n"
         "  ocpctl scope 0x21 --items POS_FB_4C,SPD_FB_45,T_FB_56,REF_4B --rate 1000\n"

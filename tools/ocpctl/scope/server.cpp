@@ -167,7 +167,6 @@ void ScopeServer::on_feedback(int address, const FeedbackMap& feedback) {
         trace.error_word.store(static_cast<uint32_t>(errors->second));
         trace.errors_known.store(true);
     }
-    trace.last_feedback_ns.store(steady_ns());
     trace.decimator.add(now_s(), values);
 }
 
@@ -262,7 +261,6 @@ std::string ScopeServer::status_json() {
     json status;
     status["time_s"] = now;
     status["devices"] = json::array();
-    const int64_t now_ns = steady_ns();
     for (const auto& device : devices_) {
         const Trace& trace = *traces_.at(device.address);
         const DeviceState state = source_->state(device.address);
@@ -273,16 +271,31 @@ std::string ScopeServer::status_json() {
         entry["running"] = state.running;
         entry["setpoint"] = number_or_null(state.setpoint);
         entry["device_running"] = state.device_running ? json(*state.device_running) : json(nullptr);
-        const int64_t last = trace.last_feedback_ns.load();
-        entry["feedback_age_s"] = last == 0 ? json(nullptr) : json(static_cast<double>(now_ns - last) * 1e-9);
+        // Age, freshness and faults as the group records them.
+        entry["feedback_age_s"] = state.feedback_age_s ? json(*state.feedback_age_s) : json(nullptr);
+        entry["feedback"] = state.feedback;
+        entry["answering"] = state.answering;
+        // The condition the device streams now, and the last error record the
+        // group received (a condition may have passed without a record
+        // clearing it).
+        std::string fault = "unknown";
         if (trace.errors_known.load()) {
             const uint32_t word = trace.error_word.load();
             entry["error_word"] = word;
-            entry["fault"] = word == 0 ? std::string("none") : describe_value(Item::ERRORS_90, static_cast<float>(word));
+            fault = word == 0 ? std::string("none") : describe_value(Item::ERRORS_90, static_cast<float>(word));
         } else {
             entry["error_word"] = nullptr;
-            entry["fault"] = "unknown";
         }
+        if (state.fault_word && *state.fault_word != 0) {
+            std::string texts;
+            for (const auto& text : state.fault_texts) texts += (texts.empty() ? "" : ", ") + text;
+            entry["last_fault"] = texts;
+            entry["last_fault_age_s"] = state.fault_age_s;
+            fault += "; last record: " + texts + ", " + format_seconds(state.fault_age_s) + " ago";
+        }
+        entry["fault"] = fault;
+        // Stopped by the group (a severe error, a restart): no setpoint drawn.
+        if (!state.running) traces_.at(device.address)->setpoint_shown.store(NAN);
         json latest = json::array();
         for (const auto& value : trace.latest) latest.push_back(number_or_null(value.load()));
         entry["latest"] = latest;
@@ -296,6 +309,22 @@ std::string ScopeServer::status_json() {
     json statistics = json::array();
     for (const auto& [name, value] : source_->statistics()) statistics.push_back({name, value});
     status["statistics"] = statistics;
+    json rows = json::array();
+    for (const auto& row : source_->device_statistics())
+        rows.push_back({{"address", row.address},
+                        {"hex", hex(row.address)},
+                        {"age_p50_ms", row.age_p50_ms},
+                        {"age_p99_ms", row.age_p99_ms},
+                        {"age_max_ms", row.age_max_ms},
+                        {"fresh", row.fresh},
+                        {"stale", row.stale},
+                        {"missing", row.missing},
+                        {"faults", row.faults},
+                        {"restarts", row.restarts},
+                        {"setpoints", row.setpoints},
+                        {"superseded", row.superseded},
+                        {"refused", row.refused}});
+    status["group"] = rows;
     {
         std::lock_guard<std::mutex> lock(notice_mutex_);
         status["notice"] = notice_;
@@ -450,6 +479,14 @@ void ScopeServer::install_routes() {
         source_->set_setpoint(address, value);
         if (source_->state(address).running) traces_.at(address)->setpoint_shown.store(value);
         answer_json(response, {{"address", hex(address)}, {"setpoint", value}});
+    });
+
+    // Only on the simulated bus: cuts the emulated device's power, to see the
+    // group set it up again and the page show it stopped.
+    http.Post("/api/power_cycle", [this](const httplib::Request& request, httplib::Response& response) {
+        const int address = address_of(parse_body(request));
+        source_->power_cycle(address);
+        answer_json(response, {{"power_cycled", hex(address)}});
     });
 
     http.Get("/api/params", [this](const httplib::Request& request, httplib::Response& response) {

@@ -38,7 +38,6 @@ struct ScopeConfig {
 struct Trace {
     explicit Trace(std::size_t channels);
     Decimator decimator;
-    std::atomic<int64_t> last_feedback_ns{0};
     std::atomic<float> setpoint_shown{NAN};  // NaN while stopped
     std::atomic<uint32_t> error_word{0};
     std::atomic<bool> errors_known{false};

@@ -324,7 +324,9 @@ function buildDevices() {
       '<input class="number" type="number" step="0.01" value="0"></div>' +
       '<div class="facts"><span>fault</span><span class="fault">unknown</span>' +
       '<span>feedback</span><span class="age">—</span>' +
-      '<span>device</span><span class="device">—</span>' +
+      '<span>device</span><span><span class="device">—</span> ' +
+      '<button class="cycle hidden" title="Cut the emulated device\'s power: it restarts, is set up again and stays stopped">' +
+      'power-cycle</button></span>' +
       '<span>now</span><span class="latest">—</span></div>';
     aside.appendChild(card);
     const device = { ...info, colour, card, quantity: 'position', mode: null, running: false,
@@ -333,6 +335,8 @@ function buildDevices() {
     const slider = card.querySelector('.slider'), number = card.querySelector('.number');
     card.querySelector('.start').addEventListener('click', () => act(() => call('/api/start', { address: info.hex })));
     card.querySelector('.stop').addEventListener('click', () => act(() => call('/api/stop', { address: info.hex })));
+    card.querySelector('.cycle').addEventListener('click',
+      () => act(() => call('/api/power_cycle', { address: info.hex })));
     card.querySelector('.mode').addEventListener('change', (event) => {
       act(() => call('/api/mode', { address: info.hex, mode: event.target.value }));
       setSliderRange(device, event.target.value);
@@ -406,10 +410,12 @@ function onStatus(message) {
     fault.textContent = entry.fault;
     fault.classList.toggle('bad', entry.error_word !== null && entry.error_word !== 0);
     const age = card.querySelector('.age');
-    age.textContent = entry.feedback_age_s === null ? 'none yet' : fmt(entry.feedback_age_s * 1000, 3) + ' ms ago';
-    age.classList.toggle('stale', entry.feedback_age_s === null || entry.feedback_age_s > 0.5);
+    age.textContent = (entry.feedback_age_s === null ? 'none yet' : fmt(entry.feedback_age_s * 1000, 3) + ' ms old') +
+      ' · ' + (entry.answering ? entry.feedback : 'silent, pinged');
+    age.classList.toggle('stale', !entry.answering || entry.feedback !== 'fresh');
     card.querySelector('.device').textContent = entry.device_running === null ? 'real device'
       : 'emulated, ' + (entry.device_running ? 'running' : 'stopped');
+    card.querySelector('.cycle').classList.toggle('hidden', entry.device_running === null);
     card.querySelector('.latest').textContent = config.items.map((item, i) =>
       item.name.replace(/_.*$/, '').toLowerCase() + ' ' + fmt(entry.latest[i], 4)).join('  ');
   }
@@ -417,10 +423,39 @@ function onStatus(message) {
   $('stats').textContent = 'page ' + fmt(scopeStats.fps, 3) + ' fps · ' + fmt(server.samples_per_s, 4) +
     ' samples/s in · ' + fmt(server.bytes_per_s / 1024, 3) + ' KiB/s to ' + server.pages + ' page(s)' +
     (status.statistics || []).map(([name, value]) => ' · ' + name + ' ' + value).join('');
+  if (status.group) updateGroupTable(status.group);
   if (status.traffic) updateTraffic(status.traffic);
   if (status.notice_number > lastNotice) {
     lastNotice = status.notice_number;
     if (lastNotice > 0 && status.notice) showNotice(status.notice);
+  }
+}
+
+// The group's statistics since the scope started, one row per actuator.
+const GROUP_COLUMNS = [
+  ['age_p50_ms', 3], ['age_p99_ms', 3], ['age_max_ms', 3], ['fresh'], ['stale'], ['missing'],
+  ['faults'], ['restarts'], ['setpoints'], ['superseded'], ['refused'],
+];
+
+function updateGroupTable(rows) {
+  const body = $('group-table').tBodies[0];
+  for (const row of rows) {
+    let tr = body.querySelector('tr[data-address="' + row.hex + '"]');
+    if (!tr) {
+      tr = body.insertRow();
+      tr.dataset.address = row.hex;
+      const device = devices.get(row.address);
+      const head = tr.insertCell();
+      head.textContent = row.hex;
+      if (device) head.style.color = device.colour;
+      for (const [key] of GROUP_COLUMNS) tr.insertCell().dataset.key = key;
+    }
+    for (const cell of tr.querySelectorAll('td[data-key]')) {
+      const column = GROUP_COLUMNS.find(([key]) => key === cell.dataset.key);
+      const value = row[column[0]];
+      cell.textContent = column.length > 1 ? fmt(value, column[1]) : String(value);
+      cell.classList.toggle('bad', ['missing', 'faults', 'restarts', 'refused'].includes(column[0]) && value > 0);
+    }
   }
 }
 
