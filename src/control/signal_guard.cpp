@@ -68,7 +68,17 @@ SignalGuard::SignalGuard(ActuatorGroup& group, LoopRunner* runner) : state_(null
     for (std::size_t i = 0; i < GUARDED_COUNT; ++i) sigaction(GUARDED_SIGNALS[i], &action, &state->previous[i]);
     state_ = state.release();
     guard_active = true;
+    // The guard's thread never takes the signals itself: a signal delivered to
+    // it while it waits in read() would have to run its handler there, and a
+    // runtime that defers handlers to a safe point (a sanitizer's) would then
+    // wait for the very read the handler is meant to end.
+    sigset_t guarded;
+    sigset_t previous_mask;
+    sigemptyset(&guarded);
+    for (const int signal_number : GUARDED_SIGNALS) sigaddset(&guarded, signal_number);
+    pthread_sigmask(SIG_BLOCK, &guarded, &previous_mask);
     state_->thread = std::thread([this] { run(); });
+    pthread_sigmask(SIG_SETMASK, &previous_mask, nullptr);
 }
 
 SignalGuard::~SignalGuard() {
