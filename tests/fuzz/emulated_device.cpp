@@ -4,7 +4,8 @@
 //
 // Input: a sequence of operations, each an operation byte and its arguments:
 // a frame (length byte, then the bytes), advancing the simulated clock (16-bit
-// step count), injecting an error word, a power cycle, or silencing the device.
+// step count), injecting an error word, a power cycle, silencing the device,
+// or switching its firmware limits on or off.
 #include <cstdint>
 
 #include "emulation/emulated_device.hpp"
@@ -25,10 +26,11 @@ constexpr std::size_t MAX_FRAME_BYTES = 64;
 // Bounds the physics stepped per input so each input runs in milliseconds.
 constexpr int64_t MAX_STEPS_PER_INPUT = 200000;
 
-enum class Operation { FRAME, ADVANCE, INJECT_ERRORS, POWER_CYCLE, SILENCE };
+enum class Operation { FRAME, ADVANCE, INJECT_ERRORS, POWER_CYCLE, SILENCE, LIMITS };
 
 Operation operation_of(uint8_t byte) {
     switch (byte % 8) {
+        case 3: return Operation::LIMITS;
         case 4: return Operation::ADVANCE;
         case 5: return Operation::INJECT_ERRORS;
         case 6: return Operation::POWER_CYCLE;
@@ -49,11 +51,24 @@ void check_replies(const EmulatedDevice::Replies& replies, int64_t from_step, in
     }
 }
 
+// A device enforcing its limits reports a newly reached limit condition with a
+// streamed error record, after the answer to the frame if the frame asked.
+bool is_limit_report(const ocp_api::detail::DeviceReply& reply) {
+    return reply.kind == wire::REPLY_STREAMED && reply.bytes.size() == wire::RECORD_SIZE &&
+           reply.bytes[0] == static_cast<uint8_t>(wire::RecordCode::ERROR_FLAGS);
+}
+
 void check_frame_replies(const EmulatedDevice& device, const wire::Frame& frame, bool was_answering,
-                         const EmulatedDevice::Replies& replies) {
+                         EmulatedDevice::Replies replies) {
     if (!was_answering || frame.empty()) {
         require(replies.empty(), "a device that is not answering sends nothing");
         return;
+    }
+    if (!replies.empty() && is_limit_report(replies.back())) {
+        require(device.enforces_limits(), "only a device enforcing its limits reports them unasked");
+        require(wire::read_u32(&replies.back().bytes[1]) == device.error_word(),
+                "a limit report carries the device's error word");
+        replies.pop_back();
     }
     const auto command = static_cast<wire::Command>(frame[0]);
     const bool asks = command == wire::Command::PING || command == wire::Command::GET_ITEMS ||
@@ -109,6 +124,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
             }
             case Operation::POWER_CYCLE: device.power_cycle(); break;
             case Operation::SILENCE: device.set_silent(input.byte() & 1); break;
+            case Operation::LIMITS: device.set_enforce_limits(input.byte() & 1); break;
         }
         require(wire::is_valid_device_address(device.address()), "the device's address stays valid");
         require(device.next_stream_step() == EmulatedDevice::NEVER || device.next_stream_step() > now,
