@@ -10,7 +10,7 @@
 
 #include <ocp_api/can_bus.hpp>
 #include <ocp_api/can_device_host.hpp>
-#include <ocp_api/isotp.hpp>
+#include "can/isotp.hpp"
 #include <ocp_api/sim_bus.hpp>
 #include <ocp_api/virtual_can.hpp>
 #include <ocp_api/wire.hpp>

@@ -31,7 +31,7 @@
 
 #include <ocp_api/codec.hpp>
 #include "ocp_api/can_mapping.hpp"
-#include "ocp_api/can_node.hpp"
+#include "can/can_node.hpp"
 #include "ocp_api/orrery_actuator.hpp"
 #include "ocp_api/socketcan_bus.hpp"
 #include "ocp_api/socketcan_link.hpp"

@@ -5,17 +5,12 @@
 
 #include <chrono>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
-#include <thread>
 #include <vector>
 
-#include "ocp_api/callback_registry.hpp"
 #include "ocp_api/can_link.hpp"
-#include "ocp_api/can_node.hpp"
-#include "ocp_api/isotp.hpp"
+#include "ocp_api/isotp_options.hpp"
 #include "ocp_api/ocp.hpp"
 
 namespace ocp_api {
@@ -93,32 +88,11 @@ public:
     void set_state_callback(StateCallback callback);
     CanLinkState link_state() const;
     CanBusCounters counters() const;
-    bool fd() const { return options_.isotp.fd; }
+    bool fd() const;
 
 private:
-    void run();
-    std::shared_ptr<StateCallback> note_state(CanLinkState state);
-    void transmit(const std::vector<CanFrame>& frames);
-    bool transmit_one(const CanFrame& frame, bool urgent = false);
-    bool answer_locally(int address, const std::vector<uint8_t>& frame);
-    std::chrono::nanoseconds time_until_deadline() const;
-    void deliver(std::vector<can::ReceivedMessage>& messages);
-
-    const CanBusOptions options_;
-    const std::unique_ptr<CanLink> link_;
-    CallbackRegistry callbacks_;
-
-    mutable std::mutex mutex_;  // guards everything below; frames are sent under it, in order
-    can::Node node_;
-    std::vector<CanFrame> send_frames_;  // reused by send(), so a command allocates nothing
-    std::deque<can::ReceivedMessage> local_replies_;  // the adapter's answers, for the receive thread
-    CanBusCounters counters_;
-    CanLinkState state_ = CanLinkState::active;
-    std::shared_ptr<StateCallback> state_callback_;
-    bool closed_ = false;
-    bool stopping_ = false;
-
-    std::thread receiver_;  // last: starts after everything above exists
+    class Impl;
+    std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace ocp_api

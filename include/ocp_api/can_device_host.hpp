@@ -6,23 +6,15 @@
 
 #include <chrono>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
-#include <thread>
 #include <vector>
 
 #include "ocp_api/can_link.hpp"
-#include "ocp_api/can_node.hpp"
 #include "ocp_api/emulated_actuator.hpp"
-#include "ocp_api/isotp.hpp"
+#include "ocp_api/isotp_options.hpp"
 
 namespace ocp_api {
-
-namespace detail {
-class DeviceRoster;
-}
 
 struct CanDeviceHostOptions {
     can::IsoTpOptions isotp;                      // `isotp.fd` needs a link that carries CAN-FD
@@ -52,7 +44,7 @@ struct CanDeviceHostCounters {
 // Owns one thread that pulls the link, runs the devices' physics in step with
 // the wall clock (times time_scale), and sends their replies and streamed
 // feedback. Every method is thread-safe.
-class CanDeviceHost : private detail::EmulatedDeviceOwner {
+class CanDeviceHost {
 public:
     // Called on the host's thread with each whole command a device received.
     using CommandObserver = std::function<void(int address, const std::vector<uint8_t>& command)>;
@@ -60,7 +52,7 @@ public:
     // Throws std::invalid_argument for a null link, invalid options, or CAN-FD
     // asked of a link that does not carry it.
     explicit CanDeviceHost(std::unique_ptr<CanLink> link, CanDeviceHostOptions options = {});
-    ~CanDeviceHost() override;
+    virtual ~CanDeviceHost();
     CanDeviceHost(const CanDeviceHost&) = delete;
     CanDeviceHost& operator=(const CanDeviceHost&) = delete;
 
@@ -80,35 +72,8 @@ public:
     void close();
 
 private:
-    std::mutex& device_mutex() override { return mutex_; }
-    int64_t device_step() const override;
-    void emit_replies(detail::DeviceReplies& replies) override;
-
-    void run();
-    bool advance_devices(can::IsoTpTime now, std::vector<CanFrame>& out);
-    void handle_command(const can::ReceivedMessage& message, can::IsoTpTime now, std::vector<CanFrame>& out);
-    void queue_replies(detail::DeviceReplies& replies, can::IsoTpTime now, std::vector<CanFrame>& out);
-    void release_due_answers(can::IsoTpTime now, std::vector<CanFrame>& out);
-    void transmit(const std::vector<CanFrame>& frames);
-    can::IsoTpTime next_wake(can::IsoTpTime now) const;
-
-    const CanDeviceHostOptions options_;
-    const std::unique_ptr<CanLink> link_;
-
-    mutable std::mutex mutex_;  // guards everything below; frames are sent under it, in order
-    const std::unique_ptr<detail::DeviceRoster> devices_;
-    can::Node node_;
-    // Answers to commands, held back until their reply latency has passed.
-    struct DelayedAnswer {
-        can::IsoTpTime due;
-        detail::DeviceReplies replies;
-    };
-    std::deque<DelayedAnswer> delayed_answers_;  // in order of `due`
-    std::shared_ptr<CommandObserver> observer_;
-    CanDeviceHostCounters counters_;
-    bool stopping_ = false;
-
-    std::thread worker_;  // last: starts after everything above exists
+    class Impl;
+    std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace ocp_api

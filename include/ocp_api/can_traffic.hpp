@@ -1,3 +1,5 @@
+// Tooling (ocpctl dump and scope): not needed to drive actuators.
+//
 // Watching a CAN bus from the side: frames seen on the bus (live or from a
 // log) go in, whole messages of both directions come out, reassembled with the
 // library's own ISO-TP receivers, together with the frames that are not ours
@@ -8,13 +10,14 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "ocp_api/can_link.hpp"
 #include "ocp_api/can_mapping.hpp"
-#include "ocp_api/can_node.hpp"
+#include "ocp_api/isotp_options.hpp"
 
 namespace ocp_api::can {
 
@@ -35,9 +38,20 @@ struct TrafficEvent {
     std::string problem;                 // what broke, for broken_segmentation
 };
 
+// The other way round: the frames of one whole message as they appear on the
+// bus when its receiver keeps up: a single frame, or the first frame, the
+// receiver's flow control (continue, no block limit, no gap) and the
+// consecutive frames. Empty for an empty message or one longer than 4095
+// bytes. Throws std::invalid_argument for an invalid `id`.
+std::vector<CanFrame> frames_of_message(const MappedId& id, const std::vector<uint8_t>& message,
+                                        const IsoTpOptions& options = {});
+
 class TrafficMonitor {
 public:
     TrafficMonitor();
+    ~TrafficMonitor();
+    TrafficMonitor(TrafficMonitor&&) noexcept;
+    TrafficMonitor& operator=(TrafficMonitor&&) noexcept;
 
     // Hands over one frame seen at `time` (times must not go backwards by more
     // than the ISO-TP time-outs); appends what it completes or reveals.
@@ -45,17 +59,9 @@ public:
     // The input has ended: messages still half-received are reported broken.
     void finish(std::vector<TrafficEvent>& events);
 
-    // Host side (replies) and device side (commands) together.
-    NodeCounters counters() const;
-
 private:
-    void advance_to(std::chrono::microseconds time, std::vector<TrafficEvent>& events);
-    void report_changes(const NodeCounters& before, std::chrono::microseconds time, const CanFrame* frame,
-                        const std::optional<MappedId>& id, std::vector<TrafficEvent>& events) const;
-
-    Node replies_;    // host role: reassembles what devices send
-    Node commands_;   // device role: reassembles what the host sends
-    std::chrono::microseconds last_time_{0};
+    class Impl;
+    std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace ocp_api::can

@@ -1,3 +1,5 @@
+// Tooling (ocpctl dump and scope): not needed to drive actuators.
+//
 // Reading (and writing) CAN log lines in the format of `candump -L`, the usual
 // way to record a bus on Linux and the format `canplayer` replays:
 //

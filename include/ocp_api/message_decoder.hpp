@@ -1,3 +1,5 @@
+// Tooling (ocpctl dump and emulate): not needed to drive actuators.
+//
 // Reading traffic: one command frame (host to device) or one reply buffer
 // (device to host) turned into names and values a person or a program can
 // read, with a one-line text and a one-line JSON rendering.

@@ -1,6 +1,6 @@
 // One side of the CAN mapping: routes arriving frames by identifier to the
 // reassembly of their message or, for flow control, to the sender it paces.
-#include "ocp_api/can_node.hpp"
+#include "can/can_node.hpp"
 
 #include <algorithm>
 #include <limits>

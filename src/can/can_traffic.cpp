@@ -4,7 +4,8 @@
 
 #include <algorithm>
 
-#include "ocp_api/isotp.hpp"
+#include "can/can_node.hpp"
+#include "can/isotp.hpp"
 
 namespace ocp_api::can {
 
@@ -37,9 +38,27 @@ std::string what_broke(const IsoTpCounters& before, const IsoTpCounters& after) 
 
 }  // namespace
 
-TrafficMonitor::TrafficMonitor() : replies_(Role::host, monitor_options()), commands_(Role::device, monitor_options()) {}
+class TrafficMonitor::Impl {
+public:
+    Impl();
+    void on_frame(const CanFrame& frame, std::chrono::microseconds time, std::vector<TrafficEvent>& events);
+    void finish(std::vector<TrafficEvent>& events);
 
-NodeCounters TrafficMonitor::counters() const {
+private:
+    // Host side (replies) and device side (commands) together.
+    NodeCounters counters() const;
+    void advance_to(std::chrono::microseconds time, std::vector<TrafficEvent>& events);
+    void report_changes(const NodeCounters& before, std::chrono::microseconds time, const CanFrame* frame,
+                        const std::optional<MappedId>& id, std::vector<TrafficEvent>& events) const;
+
+    Node replies_;    // host role: reassembles what devices send
+    Node commands_;   // device role: reassembles what the host sends
+    std::chrono::microseconds last_time_{0};
+};
+
+TrafficMonitor::Impl::Impl() : replies_(Role::host, monitor_options()), commands_(Role::device, monitor_options()) {}
+
+NodeCounters TrafficMonitor::Impl::counters() const {
     NodeCounters total = replies_.counters();
     const NodeCounters other = commands_.counters();
     total.isotp += other.isotp;
@@ -48,7 +67,7 @@ NodeCounters TrafficMonitor::counters() const {
     return total;
 }
 
-void TrafficMonitor::on_frame(const CanFrame& frame, std::chrono::microseconds time,
+void TrafficMonitor::Impl::on_frame(const CanFrame& frame, std::chrono::microseconds time,
                               std::vector<TrafficEvent>& events) {
     advance_to(time, events);
     const std::optional<MappedId> id = frame.extended ? decode_id(frame.id) : std::nullopt;
@@ -80,7 +99,7 @@ void TrafficMonitor::on_frame(const CanFrame& frame, std::chrono::microseconds t
     }
 }
 
-void TrafficMonitor::finish(std::vector<TrafficEvent>& events) {
+void TrafficMonitor::Impl::finish(std::vector<TrafficEvent>& events) {
     const auto after_every_timeout = last_time_ + std::chrono::duration_cast<std::chrono::microseconds>(
                                                       monitor_options().n_cr + monitor_options().n_bs);
     advance_to(after_every_timeout, events);
@@ -88,7 +107,7 @@ void TrafficMonitor::finish(std::vector<TrafficEvent>& events) {
 
 // Lets the receivers' time-outs run up to `time`. A frame logged slightly out
 // of order (two interfaces, two clocks) does not turn time back.
-void TrafficMonitor::advance_to(std::chrono::microseconds time, std::vector<TrafficEvent>& events) {
+void TrafficMonitor::Impl::advance_to(std::chrono::microseconds time, std::vector<TrafficEvent>& events) {
     last_time_ = std::max(last_time_, time);
     const NodeCounters before = counters();
     std::vector<CanFrame> unsent;
@@ -97,7 +116,7 @@ void TrafficMonitor::advance_to(std::chrono::microseconds time, std::vector<Traf
     report_changes(before, last_time_, nullptr, std::nullopt, events);
 }
 
-void TrafficMonitor::report_changes(const NodeCounters& before, std::chrono::microseconds time,
+void TrafficMonitor::Impl::report_changes(const NodeCounters& before, std::chrono::microseconds time,
                                     const CanFrame* frame, const std::optional<MappedId>& id,
                                     std::vector<TrafficEvent>& events) const {
     std::string problem = what_broke(before.isotp, counters().isotp);
@@ -114,5 +133,43 @@ void TrafficMonitor::report_changes(const NodeCounters& before, std::chrono::mic
     broken.problem = std::move(problem);
     events.push_back(std::move(broken));
 }
+
+std::vector<CanFrame> frames_of_message(const MappedId& id, const std::vector<uint8_t>& message,
+                                        const IsoTpOptions& options) {
+    const uint32_t data_id = encode_id(id);
+    const uint32_t flow_control_id = encode_id(flow_control_partner(id));
+    // A sender and a receiver of the library itself, so the frames are the
+    // ones a transport of it sends, padding and flow control included.
+    const IsoTpTime start{};
+    IsoTpSender sender(options);
+    IsoTpReceiver receiver(flow_control_id, options);
+    std::vector<CanFrame> frames;
+    if (!sender.queue(data_id, message, start, frames)) return {};
+    std::vector<CanFrame> flow_control;
+    if (!sender.idle()) {
+        receiver.accept(frames.front(), start, flow_control);
+        for (const CanFrame& frame : flow_control) {
+            frames.push_back(frame);
+            sender.on_flow_control(frame, start, frames);
+        }
+        for (auto now = start; !sender.idle();) {
+            now += std::chrono::milliseconds(1);
+            sender.on_time(now, frames);
+        }
+    }
+    return frames;
+}
+
+TrafficMonitor::TrafficMonitor() : impl_(std::make_unique<Impl>()) {}
+TrafficMonitor::~TrafficMonitor() = default;
+TrafficMonitor::TrafficMonitor(TrafficMonitor&&) noexcept = default;
+TrafficMonitor& TrafficMonitor::operator=(TrafficMonitor&&) noexcept = default;
+
+void TrafficMonitor::on_frame(const CanFrame& frame, std::chrono::microseconds time,
+                              std::vector<TrafficEvent>& events) {
+    impl_->on_frame(frame, time, events);
+}
+
+void TrafficMonitor::finish(std::vector<TrafficEvent>& events) { impl_->finish(events); }
 
 }  // namespace ocp_api::can

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "ocp_api/isotp.hpp"
+#include "can/isotp.hpp"
 
 namespace ocp_api::can::detail {
 

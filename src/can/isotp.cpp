@@ -5,7 +5,7 @@
 //   1 first frame      12-bit message length in the low nibble and byte 1
 //   2 consecutive      low nibble: sequence number 1..15, 0, 1, ...
 //   3 flow control     low nibble: 0 continue, 1 wait, 2 overflow; byte 1 block size, byte 2 STmin
-#include "ocp_api/isotp.hpp"
+#include "can/isotp.hpp"
 
 #include <algorithm>
 #include <array>

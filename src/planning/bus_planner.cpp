@@ -11,7 +11,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "ocp_api/can_node.hpp"
+#include "can/can_node.hpp"
 #include "ocp_api/orrery_actuator.hpp"
 #include "ocp_api/codec.hpp"
 #include "ocp_api/wire.hpp"

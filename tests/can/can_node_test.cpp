@@ -1,4 +1,4 @@
-#include "ocp_api/can_node.hpp"
+#include "can/can_node.hpp"
 
 #include <gtest/gtest.h>
 

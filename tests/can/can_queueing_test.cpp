@@ -3,7 +3,7 @@
 // and bounded reception slots that a flood of first frames cannot take over.
 #include <gtest/gtest.h>
 
-#include "ocp_api/can_node.hpp"
+#include "can/can_node.hpp"
 #include "ocp_api/codec.hpp"
 #include "ocp_api/wire.hpp"
 #include "support/can_frames.hpp"

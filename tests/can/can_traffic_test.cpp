@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "can/can_node.hpp"
 #include "support/can_frames.hpp"
 
 namespace {
@@ -168,6 +169,39 @@ TEST(CanTraffic, SingleFramesBothWays) {
     EXPECT_EQ(events[0].direction, Direction::to_device);
     EXPECT_EQ(events[1].bytes, (Bytes{0x80, 0x03, 0x00, 0x42, 0x08}));
     EXPECT_EQ(events[1].direction, Direction::to_host);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(CanTraffic, FramesOfAMessageAreTheFramesOnTheBusWhenTheReceiverKeepsUp) {
+    const MappedId to_device{0x21, Direction::to_device, 0};
+    const Frames frames = frames_of_message(to_device, ocp_test::counting(20));
+    ASSERT_EQ(frames.size(), 4u);  // first frame, flow control, two consecutive frames
+    EXPECT_EQ(frames[0].id, 0x00D00021u);
+    EXPECT_EQ(ocp_test::bytes_of(frames[0]), (Bytes{0x10, 20, 0, 1, 2, 3, 4, 5}));
+    EXPECT_EQ(frames[1].id, 0x00D04021u);  // the device's flow control: continue, no block limit, no gap
+    EXPECT_EQ(ocp_test::bytes_of(frames[1]), (Bytes{0x30, 0x00, 0x00, 0xCC, 0xCC, 0xCC, 0xCC, 0xCC}));
+    EXPECT_EQ(ocp_test::bytes_of(frames[2]), (Bytes{0x21, 6, 7, 8, 9, 10, 11, 12}));
+    EXPECT_EQ(ocp_test::bytes_of(frames[3]), (Bytes{0x22, 13, 14, 15, 16, 17, 18, 19}));
+
+    const Events events = watch(frames);
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].type, Type::message);
+    EXPECT_EQ(events[0].bytes, ocp_test::counting(20));
+}
+
+TEST(CanTraffic, FramesOfAShortReplyAreOnePaddedSingleFrame) {
+    const Frames frames = frames_of_message({0x22, Direction::to_host, 1}, Bytes{0x80, 3, 0, 0x42, 8});
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(frames[0].id, 0x00D0C022u);
+    EXPECT_EQ(ocp_test::bytes_of(frames[0]), (Bytes{0x05, 0x80, 3, 0, 0x42, 8, 0xCC, 0xCC}));
+}
+
+TEST(CanTraffic, NoFramesForAnEmptyOrOverlongMessage) {
+    EXPECT_TRUE(frames_of_message({0x21, Direction::to_device, 0}, Bytes{}).empty());
+    EXPECT_TRUE(frames_of_message({0x21, Direction::to_device, 0}, Bytes(4096, 1)).empty());
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "ocp_api/isotp.hpp"
+#include "can/isotp.hpp"
 
 #include <gtest/gtest.h>
 

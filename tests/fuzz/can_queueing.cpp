@@ -14,7 +14,7 @@
 #include <numeric>
 
 #include "ocp_api/can_mapping.hpp"
-#include "ocp_api/can_node.hpp"
+#include "can/can_node.hpp"
 #include "support/fuzz_input.hpp"
 
 namespace {

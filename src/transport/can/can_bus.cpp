@@ -3,8 +3,13 @@
 #include "ocp_api/can_bus.hpp"
 
 #include <algorithm>
+#include <deque>
+#include <mutex>
 #include <stdexcept>
+#include <thread>
 
+#include "can/can_node.hpp"
+#include "ocp_api/callback_registry.hpp"
 #include "emulation/adapter.hpp"
 #include "ocp_api/codec.hpp"
 #include "ocp_api/wire.hpp"
@@ -40,7 +45,49 @@ can::MessageClass message_class_of(const std::vector<uint8_t>& frame) {
 
 }  // namespace
 
-CanBus::CanBus(std::unique_ptr<CanLink> link, CanBusOptions options)
+// Everything the bus keeps lives here, so the public header needs neither
+// the segmentation nor the node: both are internals of the CAN mapping.
+class CanBus::Impl {
+public:
+    Impl(std::unique_ptr<CanLink> link, CanBusOptions options);
+    ~Impl();
+
+    bool send(int address, const std::vector<uint8_t>& frame);
+    void setCallback(int address, ReceiveCallback callback);
+    void removeCallback(int address);
+    void close();
+    void set_state_callback(StateCallback callback);
+    CanLinkState link_state() const;
+    CanBusCounters counters() const;
+    bool fd() const { return options_.isotp.fd; }
+
+private:
+    void run();
+    std::shared_ptr<StateCallback> note_state(CanLinkState state);
+    void transmit(const std::vector<CanFrame>& frames);
+    bool transmit_one(const CanFrame& frame, bool urgent = false);
+    bool answer_locally(int address, const std::vector<uint8_t>& frame);
+    std::chrono::nanoseconds time_until_deadline() const;
+    void deliver(std::vector<can::ReceivedMessage>& messages);
+
+    const CanBusOptions options_;
+    const std::unique_ptr<CanLink> link_;
+    CallbackRegistry callbacks_;
+
+    mutable std::mutex mutex_;  // guards everything below; frames are sent under it, in order
+    can::Node node_;
+    std::vector<CanFrame> send_frames_;  // reused by send(), so a command allocates nothing
+    std::deque<can::ReceivedMessage> local_replies_;  // the adapter's answers, for the receive thread
+    CanBusCounters counters_;
+    CanLinkState state_ = CanLinkState::active;
+    std::shared_ptr<StateCallback> state_callback_;
+    bool closed_ = false;
+    bool stopping_ = false;
+
+    std::thread receiver_;  // last: starts after everything above exists
+};
+
+CanBus::Impl::Impl(std::unique_ptr<CanLink> link, CanBusOptions options)
     : options_(options),
       link_(link ? std::move(link) : throw std::invalid_argument("CanBus needs a CAN link")),
       node_(can::Role::host, options.isotp) {
@@ -48,12 +95,12 @@ CanBus::CanBus(std::unique_ptr<CanLink> link, CanBusOptions options)
     receiver_ = std::thread([this] { run(); });
 }
 
-CanBus::~CanBus() {
+CanBus::Impl::~Impl() {
     close();
     if (receiver_.joinable()) receiver_.join();
 }
 
-bool CanBus::send(int address, const std::vector<uint8_t>& frame) {
+bool CanBus::Impl::send(int address, const std::vector<uint8_t>& frame) {
     if (address == wire::ADAPTER_ADDRESS) return answer_locally(address, frame);
     std::lock_guard<std::mutex> lock(mutex_);
     if (closed_ || stops_traffic(state_)) return false;
@@ -76,7 +123,7 @@ bool CanBus::send(int address, const std::vector<uint8_t>& frame) {
 
 // The adapter at address 0 is this transport itself: it answers a PING with
 // its own reply, delivered on the receive thread like any other.
-bool CanBus::answer_locally(int address, const std::vector<uint8_t>& frame) {
+bool CanBus::Impl::answer_locally(int address, const std::vector<uint8_t>& frame) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (closed_) return false;
     if (auto answer = detail::adapter_answer(frame)) {
@@ -86,11 +133,11 @@ bool CanBus::answer_locally(int address, const std::vector<uint8_t>& frame) {
     return true;
 }
 
-void CanBus::setCallback(int address, ReceiveCallback callback) { callbacks_.set(address, std::move(callback)); }
+void CanBus::Impl::setCallback(int address, ReceiveCallback callback) { callbacks_.set(address, std::move(callback)); }
 
-void CanBus::removeCallback(int address) { callbacks_.remove(address); }
+void CanBus::Impl::removeCallback(int address) { callbacks_.remove(address); }
 
-void CanBus::close() {
+void CanBus::Impl::close() {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (closed_) return;
@@ -103,18 +150,18 @@ void CanBus::close() {
     if (receiver_.joinable() && receiver_.get_id() != std::this_thread::get_id()) receiver_.join();
 }
 
-void CanBus::set_state_callback(StateCallback callback) {
+void CanBus::Impl::set_state_callback(StateCallback callback) {
     auto shared = callback ? std::make_shared<StateCallback>(std::move(callback)) : nullptr;
     std::lock_guard<std::mutex> lock(mutex_);
     state_callback_ = std::move(shared);
 }
 
-CanLinkState CanBus::link_state() const {
+CanLinkState CanBus::Impl::link_state() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return state_;
 }
 
-CanBusCounters CanBus::counters() const {
+CanBusCounters CanBus::Impl::counters() const {
     std::lock_guard<std::mutex> lock(mutex_);
     CanBusCounters counters = counters_;
     const can::NodeCounters node = node_.counters();
@@ -139,7 +186,7 @@ CanBusCounters CanBus::counters() const {
 // Called with the lock held. A frame the adapter still cannot take after a
 // short retry is dropped (its message is then incomplete, and the device
 // drops it on its time-out).
-bool CanBus::transmit_one(const CanFrame& frame, bool urgent) {
+bool CanBus::Impl::transmit_one(const CanFrame& frame, bool urgent) {
     switch (send_frame_retrying(*link_, frame, options_.busy_retry, urgent)) {
     case CanLink::SendResult::sent:
         ++counters_.frames_out;
@@ -154,20 +201,20 @@ bool CanBus::transmit_one(const CanFrame& frame, bool urgent) {
     return false;
 }
 
-void CanBus::transmit(const std::vector<CanFrame>& frames) {
+void CanBus::Impl::transmit(const std::vector<CanFrame>& frames) {
     for (const CanFrame& frame : frames) transmit_one(frame);
 }
 
 // Called with the lock held: how long the next wait on the link may last. A
 // deadline set after this (a segmented send) comes with a wake().
-std::chrono::nanoseconds CanBus::time_until_deadline() const {
+std::chrono::nanoseconds CanBus::Impl::time_until_deadline() const {
     const std::optional<can::IsoTpTime> deadline = node_.deadline();
     if (!deadline) return IDLE_WAIT;
     return std::clamp<std::chrono::nanoseconds>(*deadline - Clock::now(), std::chrono::nanoseconds(0), IDLE_WAIT);
 }
 
 // Called with the lock held; returns the state callback to run, if any.
-std::shared_ptr<CanBus::StateCallback> CanBus::note_state(CanLinkState state) {
+std::shared_ptr<CanBus::StateCallback> CanBus::Impl::note_state(CanLinkState state) {
     if (state == state_) return nullptr;
     if (stops_traffic(state_) && !stops_traffic(state)) ++counters_.restarts;
     if (is_error_state(state)) ++counters_.link_errors;
@@ -177,7 +224,7 @@ std::shared_ptr<CanBus::StateCallback> CanBus::note_state(CanLinkState state) {
     return state_callback_;
 }
 
-void CanBus::run() {
+void CanBus::Impl::run() {
     std::vector<can::ReceivedMessage> messages;
     std::vector<CanFrame> out;
     std::chrono::nanoseconds timeout = IDLE_WAIT;
@@ -207,7 +254,7 @@ void CanBus::run() {
     }
 }
 
-void CanBus::deliver(std::vector<can::ReceivedMessage>& messages) {
+void CanBus::Impl::deliver(std::vector<can::ReceivedMessage>& messages) {
     uint64_t unclaimed = 0;
     for (auto& message : messages)
         unclaimed += !callbacks_.dispatch(message.address, std::move(message.bytes), message.kind);
@@ -215,5 +262,21 @@ void CanBus::deliver(std::vector<can::ReceivedMessage>& messages) {
     std::lock_guard<std::mutex> lock(mutex_);
     counters_.replies_unclaimed += unclaimed;
 }
+
+// ---------------------------------------------------------------- the public face
+
+CanBus::CanBus(std::unique_ptr<CanLink> link, CanBusOptions options)
+    : impl_(std::make_unique<Impl>(std::move(link), options)) {}
+
+CanBus::~CanBus() = default;
+
+bool CanBus::send(int address, const std::vector<uint8_t>& frame) { return impl_->send(address, frame); }
+void CanBus::setCallback(int address, ReceiveCallback callback) { impl_->setCallback(address, std::move(callback)); }
+void CanBus::removeCallback(int address) { impl_->removeCallback(address); }
+void CanBus::close() { impl_->close(); }
+void CanBus::set_state_callback(StateCallback callback) { impl_->set_state_callback(std::move(callback)); }
+CanLinkState CanBus::link_state() const { return impl_->link_state(); }
+CanBusCounters CanBus::counters() const { return impl_->counters(); }
+bool CanBus::fd() const { return impl_->fd(); }
 
 }  // namespace ocp_api

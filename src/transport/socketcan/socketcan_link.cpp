@@ -18,7 +18,7 @@
 #include <system_error>
 #include <utility>
 
-#include "ocp_api/isotp.hpp"
+#include "can/isotp.hpp"
 
 namespace ocp_api {
 

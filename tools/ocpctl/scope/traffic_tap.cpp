@@ -1,24 +1,11 @@
 #include "traffic_tap.hpp"
 
 #include <ocp_api/candump_log.hpp>
-#include <ocp_api/isotp.hpp>
+#include <ocp_api/can_traffic.hpp>
 
 namespace ocpctl::scope {
 
 namespace {
-
-// A flow control "continue to send, no block limit, no gap", the answer
-// a receiver that keeps up gives.
-ocp_api::CanFrame clear_to_send(uint32_t id) {
-    ocp_api::CanFrame frame;
-    frame.id = id;
-    frame.len = 8;
-    frame.data.fill(ocp_api::can::ISOTP_PADDING);
-    frame.data[0] = 0x30;
-    frame.data[1] = 0x00;
-    frame.data[2] = 0x00;
-    return frame;
-}
 
 std::chrono::microseconds wall_clock_now() {
     return std::chrono::duration_cast<std::chrono::microseconds>(
@@ -71,16 +58,8 @@ bool TrafficTap::full() const {
 
 void TrafficTap::record(const ocp_api::can::MappedId& id, const std::vector<uint8_t>& message) {
     if (id.address < 0 || id.address > ocp_api::can::MAX_ADDRESS || message.empty()) return;
-    const auto now = ocp_api::can::IsoTpClock::now();
-    ocp_api::can::IsoTpSender sender{ocp_api::can::IsoTpOptions{}};
-    std::vector<ocp_api::CanFrame> frames;
-    if (!sender.queue(ocp_api::can::encode_id(id), message, now, frames)) return;
-    if (!sender.idle()) {
-        // A first frame: the receiver's flow control, then the rest.
-        frames.push_back(clear_to_send(ocp_api::can::encode_id(ocp_api::can::flow_control_partner(id))));
-        sender.on_flow_control(frames.back(), now, frames);
-        while (!sender.idle()) sender.on_time(now + std::chrono::seconds(1), frames);
-    }
+    const std::vector<ocp_api::CanFrame> frames = ocp_api::can::frames_of_message(id, message);
+    if (frames.empty()) return;
     ocp_api::LoggedFrame logged;
     logged.timestamp = wall_clock_now();
     logged.interface = interface_;

@@ -3,9 +3,13 @@
 #include "ocp_api/can_device_host.hpp"
 
 #include <algorithm>
+#include <deque>
+#include <mutex>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
+#include "can/can_node.hpp"
 #include "emulation/device_roster.hpp"
 
 namespace ocp_api {
@@ -33,7 +37,55 @@ const CanDeviceHostOptions& validated(const CanDeviceHostOptions& options) {
 
 }  // namespace
 
-CanDeviceHost::CanDeviceHost(std::unique_ptr<CanLink> link, CanDeviceHostOptions options)
+// Everything the host keeps lives here, so the public header needs neither
+// the segmentation nor the node. The devices' controls reach the host through
+// this object (their owner), which outlives them.
+class CanDeviceHost::Impl : private detail::EmulatedDeviceOwner {
+public:
+    Impl(std::unique_ptr<CanLink> link, CanDeviceHostOptions options);
+    ~Impl() override;
+
+    EmulatedActuator& add_actuator(int address, uint16_t model_code, uint16_t firmware_word);
+    void remove_actuator(int address);
+    EmulatedActuator& actuator(int address);
+    std::size_t actuator_count() const;
+    void set_command_observer(CommandObserver observer);
+    CanDeviceHostCounters counters() const;
+    void close();
+
+private:
+    std::mutex& device_mutex() override { return mutex_; }
+    int64_t device_step() const override;
+    void emit_replies(detail::DeviceReplies& replies) override;
+
+    void run();
+    bool advance_devices(can::IsoTpTime now, std::vector<CanFrame>& out);
+    void handle_command(const can::ReceivedMessage& message, can::IsoTpTime now, std::vector<CanFrame>& out);
+    void queue_replies(detail::DeviceReplies& replies, can::IsoTpTime now, std::vector<CanFrame>& out);
+    void release_due_answers(can::IsoTpTime now, std::vector<CanFrame>& out);
+    void transmit(const std::vector<CanFrame>& frames);
+    can::IsoTpTime next_wake(can::IsoTpTime now) const;
+
+    const CanDeviceHostOptions options_;
+    const std::unique_ptr<CanLink> link_;
+
+    mutable std::mutex mutex_;  // guards everything below; frames are sent under it, in order
+    const std::unique_ptr<detail::DeviceRoster> devices_;
+    can::Node node_;
+    // Answers to commands, held back until their reply latency has passed.
+    struct DelayedAnswer {
+        can::IsoTpTime due;
+        detail::DeviceReplies replies;
+    };
+    std::deque<DelayedAnswer> delayed_answers_;  // in order of `due`
+    std::shared_ptr<CommandObserver> observer_;
+    CanDeviceHostCounters counters_;
+    bool stopping_ = false;
+
+    std::thread worker_;  // last: starts after everything above exists
+};
+
+CanDeviceHost::Impl::Impl(std::unique_ptr<CanLink> link, CanDeviceHostOptions options)
     : options_(validated(options)),
       link_(link ? std::move(link) : throw std::invalid_argument("CanDeviceHost needs a CAN link")),
       devices_(std::make_unique<detail::DeviceRoster>(Clock::now(), options.time_scale)),
@@ -48,12 +100,12 @@ CanDeviceHost::CanDeviceHost(std::unique_ptr<CanLink> link, CanDeviceHostOptions
     worker_ = std::thread([this] { run(); });
 }
 
-CanDeviceHost::~CanDeviceHost() {
+CanDeviceHost::Impl::~Impl() {
     close();
     if (worker_.joinable()) worker_.join();
 }
 
-void CanDeviceHost::close() {
+void CanDeviceHost::Impl::close() {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (stopping_) return;
@@ -63,35 +115,35 @@ void CanDeviceHost::close() {
     if (worker_.joinable() && worker_.get_id() != std::this_thread::get_id()) worker_.join();
 }
 
-EmulatedActuator& CanDeviceHost::add_actuator(int address, uint16_t model_code, uint16_t firmware_word) {
+EmulatedActuator& CanDeviceHost::Impl::add_actuator(int address, uint16_t model_code, uint16_t firmware_word) {
     std::lock_guard<std::mutex> lock(mutex_);
     return devices_->add(*this, address, model_code, firmware_word, "this CAN link", options_.enforce_limits);
 }
 
-void CanDeviceHost::remove_actuator(int address) {
+void CanDeviceHost::Impl::remove_actuator(int address) {
     std::lock_guard<std::mutex> lock(mutex_);
     devices_->remove(address);
 }
 
-EmulatedActuator& CanDeviceHost::actuator(int address) {
+EmulatedActuator& CanDeviceHost::Impl::actuator(int address) {
     std::lock_guard<std::mutex> lock(mutex_);
     return devices_->actuator(address);
 }
 
-std::size_t CanDeviceHost::actuator_count() const {
+std::size_t CanDeviceHost::Impl::actuator_count() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return devices_->size();
 }
 
-int64_t CanDeviceHost::device_step() const { return devices_->steps_done(); }
+int64_t CanDeviceHost::Impl::device_step() const { return devices_->steps_done(); }
 
-void CanDeviceHost::set_command_observer(CommandObserver observer) {
+void CanDeviceHost::Impl::set_command_observer(CommandObserver observer) {
     auto shared = observer ? std::make_shared<CommandObserver>(std::move(observer)) : nullptr;
     std::lock_guard<std::mutex> lock(mutex_);
     observer_ = std::move(shared);
 }
 
-CanDeviceHostCounters CanDeviceHost::counters() const {
+CanDeviceHostCounters CanDeviceHost::Impl::counters() const {
     std::lock_guard<std::mutex> lock(mutex_);
     CanDeviceHostCounters counters = counters_;
     const can::NodeCounters node = node_.counters();
@@ -104,7 +156,7 @@ CanDeviceHostCounters CanDeviceHost::counters() const {
 }
 
 // Called with the lock held, by a device's control (an injected error).
-void CanDeviceHost::emit_replies(detail::DeviceReplies& replies) {
+void CanDeviceHost::Impl::emit_replies(detail::DeviceReplies& replies) {
     if (stopping_) return;  // a closed host sends nothing
     std::vector<CanFrame> out;
     queue_replies(replies, Clock::now(), out);
@@ -112,7 +164,8 @@ void CanDeviceHost::emit_replies(detail::DeviceReplies& replies) {
     link_->wake();  // a segmented reply now waits for flow control
 }
 
-void CanDeviceHost::queue_replies(detail::DeviceReplies& replies, can::IsoTpTime now, std::vector<CanFrame>& out) {
+void CanDeviceHost::Impl::queue_replies(detail::DeviceReplies& replies, can::IsoTpTime now,
+                                        std::vector<CanFrame>& out) {
     for (auto& reply : replies) {
         if (node_.queue(reply.address, reply.kind, std::move(reply.bytes), now, out))
             ++counters_.replies_out;
@@ -122,7 +175,7 @@ void CanDeviceHost::queue_replies(detail::DeviceReplies& replies, can::IsoTpTime
     replies.clear();
 }
 
-void CanDeviceHost::transmit(const std::vector<CanFrame>& frames) {
+void CanDeviceHost::Impl::transmit(const std::vector<CanFrame>& frames) {
     for (const CanFrame& frame : frames) {
         switch (send_frame_retrying(*link_, frame, options_.busy_retry)) {
         case CanLink::SendResult::sent: ++counters_.frames_out; break;
@@ -133,15 +186,15 @@ void CanDeviceHost::transmit(const std::vector<CanFrame>& frames) {
 }
 
 // Returns true while the devices are still behind the wall clock.
-bool CanDeviceHost::advance_devices(can::IsoTpTime now, std::vector<CanFrame>& out) {
+bool CanDeviceHost::Impl::advance_devices(can::IsoTpTime now, std::vector<CanFrame>& out) {
     detail::DeviceReplies streamed;
     const bool behind = devices_->advance(now, streamed);
     queue_replies(streamed, now, out);
     return behind;
 }
 
-void CanDeviceHost::handle_command(const can::ReceivedMessage& message, can::IsoTpTime now,
-                                   std::vector<CanFrame>& out) {
+void CanDeviceHost::Impl::handle_command(const can::ReceivedMessage& message, can::IsoTpTime now,
+                                         std::vector<CanFrame>& out) {
     detail::EmulatedDevice* device = devices_->device(message.address);
     if (device == nullptr) return;  // removed meanwhile
     ++counters_.commands_in;
@@ -155,14 +208,14 @@ void CanDeviceHost::handle_command(const can::ReceivedMessage& message, can::Iso
     delayed_answers_.push_back({now + options_.reply_latency, std::move(replies)});
 }
 
-void CanDeviceHost::release_due_answers(can::IsoTpTime now, std::vector<CanFrame>& out) {
+void CanDeviceHost::Impl::release_due_answers(can::IsoTpTime now, std::vector<CanFrame>& out) {
     while (!delayed_answers_.empty() && delayed_answers_.front().due <= now) {
         queue_replies(delayed_answers_.front().replies, now, out);
         delayed_answers_.pop_front();
     }
 }
 
-can::IsoTpTime CanDeviceHost::next_wake(can::IsoTpTime now) const {
+can::IsoTpTime CanDeviceHost::Impl::next_wake(can::IsoTpTime now) const {
     can::IsoTpTime wake = now + IDLE_WAKE_PERIOD;
     if (const auto deadline = node_.deadline()) wake = std::min(wake, *deadline);
     if (!delayed_answers_.empty()) wake = std::min(wake, delayed_answers_.front().due);
@@ -170,7 +223,7 @@ can::IsoTpTime CanDeviceHost::next_wake(can::IsoTpTime now) const {
     return wake;
 }
 
-void CanDeviceHost::run() {
+void CanDeviceHost::Impl::run() {
     std::vector<can::ReceivedMessage> commands;
     std::vector<CanFrame> out;
     std::chrono::nanoseconds timeout{0};
@@ -200,5 +253,22 @@ void CanDeviceHost::run() {
         commands.clear();
     }
 }
+
+// ---------------------------------------------------------------- the public face
+
+CanDeviceHost::CanDeviceHost(std::unique_ptr<CanLink> link, CanDeviceHostOptions options)
+    : impl_(std::make_unique<Impl>(std::move(link), options)) {}
+
+CanDeviceHost::~CanDeviceHost() = default;
+
+EmulatedActuator& CanDeviceHost::add_actuator(int address, uint16_t model_code, uint16_t firmware_word) {
+    return impl_->add_actuator(address, model_code, firmware_word);
+}
+void CanDeviceHost::remove_actuator(int address) { impl_->remove_actuator(address); }
+EmulatedActuator& CanDeviceHost::actuator(int address) { return impl_->actuator(address); }
+std::size_t CanDeviceHost::actuator_count() const { return impl_->actuator_count(); }
+void CanDeviceHost::set_command_observer(CommandObserver observer) { impl_->set_command_observer(std::move(observer)); }
+CanDeviceHostCounters CanDeviceHost::counters() const { return impl_->counters(); }
+void CanDeviceHost::close() { impl_->close(); }
 
 }  // namespace ocp_api

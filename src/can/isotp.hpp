@@ -1,4 +1,5 @@
-// ISO 15765-2 (ISO-TP) segmentation and reassembly as pure logic: no threads,
+// Internal to the CAN mapping (not installed): ISO 15765-2 (ISO-TP)
+// segmentation and reassembly as pure logic: no threads,
 // no sockets, no sleeps. The caller hands in frames and the present time and
 // gets back the frames to transmit, the messages completed and the next
 // deadline at which to call again. Interoperates with the Linux kernel's
@@ -12,35 +13,12 @@
 #include <vector>
 
 #include "ocp_api/can_link.hpp"
+#include "ocp_api/isotp_options.hpp"
 
 namespace ocp_api::can {
 
 using IsoTpClock = std::chrono::steady_clock;
 using IsoTpTime = IsoTpClock::time_point;
-
-// The longest message the 12-bit first-frame length can carry.
-inline constexpr std::size_t ISOTP_MAX_MESSAGE = 4095;
-// The byte that fills a frame up to its length.
-inline constexpr uint8_t ISOTP_PADDING = 0xCC;
-
-struct IsoTpOptions {
-    bool fd = false;                            // send CAN-FD frames
-    uint8_t fd_data_length = 64;                // on CAN-FD: 8, 12, 16, 20, 24, 32, 48 or 64
-    uint8_t block_size = 0;                     // BS we ask for in our flow control; 0: no further FC
-    uint8_t st_min = 0;                         // STmin code we ask for (0..0x7F ms, 0xF1..0xF9 100..900 us)
-    std::chrono::milliseconds n_bs{1000};       // sender: longest wait for a flow control
-    std::chrono::milliseconds n_cr{1000};       // receiver: longest wait for the next consecutive frame
-    int max_wait_frames = 16;                   // FC WAIT frames accepted in a row before giving up
-
-    // Queueing, per peer (one address): messages waiting behind the one in
-    // progress. A full queue refuses further messages (safety ones excepted).
-    std::size_t queue_limit = 32;
-    // A setpoint that waited longer than this is dropped rather than sent late.
-    std::chrono::milliseconds setpoint_max_age{100};
-    // Half-received messages a node holds at once, over all its peers: a peer
-    // opening messages it never finishes cannot take more than this.
-    std::size_t max_open_receptions = 128;
-};
 
 // How a queued message is treated while it waits behind others.
 enum class MessageClass : uint8_t {
@@ -51,9 +29,6 @@ enum class MessageClass : uint8_t {
     safety,    // goes ahead of everything queued: a message in progress is abandoned
                // (sent again afterwards when it is ordinary), waiting motion and setpoints are cancelled
 };
-
-// Throws std::invalid_argument for an fd_data_length that is no CAN-FD length.
-void validate(const IsoTpOptions& options);
 
 struct IsoTpCounters {
     uint64_t frames_out = 0;           // frames produced for transmission

@@ -1,5 +1,5 @@
-// One side of the CAN mapping, host or device: ISO-TP senders and receivers
-// keyed by the identifiers of the mapping. Pure logic like the segmentation it
+// Internal to the CAN mapping (not installed). One side of it, host or
+// device: ISO-TP senders and receivers keyed by the identifiers of the mapping. Pure logic like the segmentation it
 // drives: frames and time go in, frames to transmit and whole messages come out.
 // CanBus runs the host side, CanDeviceHost the device side; a transport over
 // another frame source can run either.
@@ -12,7 +12,7 @@
 
 #include "ocp_api/can_link.hpp"
 #include "ocp_api/can_mapping.hpp"
-#include "ocp_api/isotp.hpp"
+#include "can/isotp.hpp"
 
 namespace ocp_api::can {
 
