@@ -21,8 +21,10 @@ all: build
 deps:
 	@scripts/install-deps.sh
 
+# The benchmarks are compiled here too (not run), so they keep up with the library.
 configure: deps
-	@cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOCP_API_WERROR=ON $(CMAKE_FLAGS) >/dev/null
+	@cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOCP_API_WERROR=ON \
+	  -DOCP_API_BUILD_BENCHMARKS=ON $(CMAKE_FLAGS) >/dev/null
 
 build: configure
 	@cmake --build build -j $(JOBS)

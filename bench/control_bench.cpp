@@ -2,13 +2,15 @@
 // transport here takes frames and keeps nothing, and each actuator's streamed
 // reply is handed in on the benchmark's thread, as a receive thread would.
 // Under callgrind the fixed-count variant gives stable instruction counts
-// per period (the total divided by its 2000 iterations):
-//   valgrind --tool=callgrind --toggle-collect='*BM_GroupPeriod*' \
-//     ocp_api_bench --benchmark_filter='BM_GroupPeriod/.*/iterations:2000'
+// per period (the total divided by its 2000 iterations), with
+//   valgrind --tool=callgrind --toggle-collect='*BM_GroupPeriod*'
+//   ocp_api_bench --benchmark_filter='BM_GroupPeriod/.*/iterations:2000'
+// as one command line.
 #include <benchmark/benchmark.h>
 
 #include <ocp_api/actuator_group.hpp>
 #include <ocp_api/callback_registry.hpp>
+#include <ocp_api/codec.hpp>
 #include <ocp_api/wire.hpp>
 
 namespace {
@@ -44,9 +46,9 @@ void BM_GroupPeriod(benchmark::State& state) {
     group.set_up(GroupSetup{{Item::POS_FB_4C, Item::SPD_FB_45, Item::T_FB_56}, 1000, Mode::IMPEDANCE});
     group.start_all();
     std::vector<uint8_t> reply;
-    wire::append_item_record(reply, static_cast<uint8_t>(Item::POS_FB_4C), 0.25f);
-    wire::append_item_record(reply, static_cast<uint8_t>(Item::SPD_FB_45), -1.0f);
-    wire::append_item_record(reply, static_cast<uint8_t>(Item::T_FB_56), 0.125f);
+    codec::ItemRecord::of(static_cast<uint8_t>(Item::POS_FB_4C), 0.25f).encode_into(reply);
+    codec::ItemRecord::of(static_cast<uint8_t>(Item::SPD_FB_45), -1.0f).encode_into(reply);
+    codec::ItemRecord::of(static_cast<uint8_t>(Item::T_FB_56), 0.125f).encode_into(reply);
     GroupSnapshot snapshot;
     float t = 0.0f;
     for (auto _ : state) {

@@ -7,9 +7,9 @@
 //   ocp_api_loop_bench [--seconds S] [--warmup S] [--feedback-rate HZ] [--scenario can|sim|both]
 //
 // For instruction counts per period, which stay put on a noisy machine, run it
-// under callgrind collecting only inside the loop runner:
-//   valgrind --tool=callgrind --toggle-collect='ocp_api::LoopRunner::run*' \
-//     ocp_api_loop_bench --seconds 2 --warmup 0 --scenario sim
+// under callgrind collecting only inside the loop runner, as one command line
+//   valgrind --tool=callgrind --toggle-collect='ocp_api::LoopRunner::run*'
+//   ocp_api_loop_bench --seconds 2 --warmup 0 --scenario sim
 // and divide the total by the periods it printed.
 #include <time.h>
 
