@@ -12,9 +12,10 @@
 namespace {
 
 // Prints one diagnostic line; every message goes through here so that an
-// argument of any length never floods the terminal.
+// argument of any length never floods the terminal, and control characters
+// in it are written out.
 void print_error(const std::string& message, int argc, char** argv) {
-    std::fprintf(stderr, "ocpctl: %s\n", ocpctl::shorten_arguments(message, argc, argv).c_str());
+    std::fprintf(stderr, "ocpctl: %s\n", ocpctl::printable(ocpctl::shorten_arguments(message, argc, argv)).c_str());
 }
 
 }  // namespace

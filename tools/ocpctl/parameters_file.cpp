@@ -114,7 +114,8 @@ ParametersFile parse_parameters_file(const std::string& text, const std::string&
     try {
         file.entries = read_entries(text, name, address, force);
     } catch (const UsageError& refused) {
-        file.error = refused.what();
+        // The message may quote the file, which can hold any byte.
+        file.error = printable(refused.what());
     }
     return file;
 }
