@@ -12,12 +12,17 @@ namespace ocpctl {
 
 namespace {
 
+// Floats from -2^63 up to (not including) 2^63 convert to long long.
+constexpr float LONG_LONG_END = 9223372036854775808.0f;
+
 // A parameter value as JSON: whole numbers for integer parameters, and the
 // shortest decimal that reads back as the same float for the others (0.1,
-// not 0.100000001490116).
+// not 0.100000001490116) and for a forced integer too large for a whole
+// number (2.2e+28).
 nlohmann::ordered_json json_parameter_value(Parameter id, float value) {
     if (!std::isfinite(value)) return nullptr;
-    if (parameter_is_integer(id) && value == std::trunc(value)) return static_cast<long long>(value);
+    if (parameter_is_integer(id) && value == std::trunc(value) && value >= -LONG_LONG_END && value < LONG_LONG_END)
+        return static_cast<long long>(value);
     return std::stod(format_value(value));
 }
 
