@@ -12,7 +12,7 @@ FUZZ_CXX ?= clang++-14
 FUZZ_SECONDS ?= 300
 # make test fuzzes each harness this long, within FUZZ_TEST_BUDGET seconds in all.
 FUZZ_TEST_SECONDS ?= 30
-FUZZ_TEST_BUDGET ?= 150
+FUZZ_TEST_BUDGET ?= 180
 
 .PHONY: all deps configure build demo test test-normal test-asan test-tsan test-fuzz fuzz build-fuzz soak bench bench-loop install package clean
 

@@ -73,4 +73,11 @@ TEST(OcpctlSuggest, LongTextsAreCut) {
               "invalid address 'a b" + std::string(57, 'c') + "... (100003 characters)'");
 }
 
+TEST(OcpctlSuggest, ControlCharactersAreWrittenOut) {
+    EXPECT_EQ(ocpctl::printable("MODE"), "MODE");
+    EXPECT_EQ(ocpctl::printable("a\nb\r\tc"), "a\\nb\\r\\tc");
+    EXPECT_EQ(ocpctl::printable(std::string("\x1b[2J\x7f\0z", 7)), "\\x1b[2J\\x7f\\x00z");
+    EXPECT_EQ(ocpctl::printable("caf\xc3\xa9 \\n"), "caf\xc3\xa9 \\n");
+}
+
 }  // namespace

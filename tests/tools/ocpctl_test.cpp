@@ -236,6 +236,9 @@ TEST(Ocpctl, ParamsLoadChecksTheWholeFileFirst) {
          "ocpctl: " + name + ": DEVICE_80 = 1.5 is not a whole number from 0 to 4294967295 (--force sends it anyway)\n"},
         {R"({"parameters": {"LIMIT_SPEED_MIN": 5, "LIMIT_SPEED_MAX": 1}})",
          "ocpctl: " + name + ": LIMIT_SPEED_MIN = 5 is above LIMIT_SPEED_MAX = 1 (--force sends it anyway)\n"},
+        // A name quoted from the file keeps the message one line and the terminal as it was.
+        {R"({"parameters": {"MODE\n\u001b[2J": 1}})", "ocpctl: unknown parameter 'MODE\\n\\x1b[2J' (expected one of"},
+        {"{\"parameters\": {\"MODE\": 1}}\x7f", "ocpctl: " + name + " is not JSON: "},
     };
     for (const auto& [text, message] : cases) {
         std::ofstream(file) << text;
@@ -494,6 +497,9 @@ TEST(Ocpctl, BadInputIsRejectedWithStatusTwo) {
         {{"info", "0x4000"}, "ocpctl: address 0x4000 is outside 0x10..0x3FFE\n"},
         {{"info", "0x0f"}, "ocpctl: address 0x0f is outside 0x10..0x3FFE\n"},
         {{"info", "twelve"}, "ocpctl: invalid address 'twelve' (expected a number such as 0x21 or 33, in 0x10..0x3FFE)\n"},
+        // Control characters in an argument are written out, not sent to the terminal.
+        {{"info", "0x2\n\x1b[2J1"},
+         "ocpctl: invalid address '0x2\\n\\x1b[2J1' (expected a number such as 0x21 or 33, in 0x10..0x3FFE)\n"},
         {{"stream", "0x21", "--items", "POS_FB_4C", "--rate", "10001"},
          "ocpctl: rate 10001 Hz is above the maximum of 10000 Hz\n"},
         {{"move", "0x21", "--mode", "hover", "--setpoint", "1"},

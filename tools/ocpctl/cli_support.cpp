@@ -147,6 +147,29 @@ std::string shorten(const std::string& text) {
     return text.substr(0, KEPT) + "... (" + std::to_string(text.size()) + " characters)";
 }
 
+std::string printable(const std::string& text) {
+    std::string out;
+    out.reserve(text.size());
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte >= 0x20 && byte != 0x7f) {
+            out += c;
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else {
+            static constexpr char DIGITS[] = "0123456789abcdef";
+            out += "\\x";
+            out += DIGITS[byte >> 4];
+            out += DIGITS[byte & 0xf];
+        }
+    }
+    return out;
+}
+
 std::string format_seconds(double seconds) {
     char text[32];
     std::snprintf(text, sizeof text, "%.1f s", seconds);

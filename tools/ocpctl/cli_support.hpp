@@ -69,6 +69,11 @@ std::string format_seconds(double seconds);
 // are cut to their first characters and their length.
 std::string shorten(const std::string& text);
 
+// `text` with every control character written out ("\n", "\t", "\x1b"), so
+// that a message quoting a file or an argument stays one line and cannot
+// drive the terminal. Other bytes are kept.
+std::string printable(const std::string& text);
+
 // What move and simulate command: a mode, its setpoint and, for impedance,
 // optional gains (NaN leaves the device's own gains in place).
 struct MotionCommand {

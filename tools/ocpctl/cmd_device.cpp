@@ -6,7 +6,6 @@
 #include <fstream>
 #include <memory>
 #include <filesystem>
-#include <set>
 #include <system_error>
 
 #include <nlohmann/json.hpp>
@@ -14,6 +13,7 @@
 
 #include "catalogue.hpp"
 #include "commands.hpp"
+#include "parameters_file.hpp"
 #include "session.hpp"
 
 namespace ocpctl {
@@ -112,39 +112,6 @@ float parse_parameter_value(Parameter id, const std::string& text) {
     return parse_float(text, std::string(ocp_api::parameter_name(id)) + " value");
 }
 
-// Refuses values a parameter cannot hold and limits whose minimum is above
-// their maximum, unless forced: nothing has been sent when this throws.
-void check_values(const std::vector<std::pair<Parameter, float>>& entries, bool force, const std::string& where) {
-    if (force) return;
-    const std::string prefix = where.empty() ? "" : where + ": ";
-    const std::string hint = " (--force sends it anyway)";
-    for (const auto& [id, value] : entries) {
-        const std::string problem = ocp_api::parameter_value_problem(ocp_api::code_of(id), value);
-        if (!problem.empty())
-            throw UsageError(prefix + std::string(ocp_api::parameter_name(id)) + " = " + format_value(value) + " is " +
-                             problem + hint);
-    }
-    static constexpr std::pair<Parameter, Parameter> LIMIT_PAIRS[] = {
-        {Parameter::LIMIT_POSITION_MIN, Parameter::LIMIT_POSITION_MAX},
-        {Parameter::LIMIT_SPEED_MIN, Parameter::LIMIT_SPEED_MAX},
-        {Parameter::PROFILE_POSITION_MIN, Parameter::PROFILE_POSITION_MAX},
-        {Parameter::PROFILE_SPEED_MIN, Parameter::PROFILE_SPEED_MAX},
-    };
-    const auto value_of = [&entries](Parameter id) -> const float* {
-        for (const auto& entry : entries)
-            if (entry.first == id) return &entry.second;
-        return nullptr;
-    };
-    for (const auto& [low, high] : LIMIT_PAIRS) {
-        const float* min = value_of(low);
-        const float* max = value_of(high);
-        if (min != nullptr && max != nullptr && *min > *max)
-            throw UsageError(prefix + std::string(ocp_api::parameter_name(low)) + " = " + format_value(*min) +
-                             " is above " + std::string(ocp_api::parameter_name(high)) + " = " + format_value(*max) +
-                             hint);
-    }
-}
-
 struct ParamsGetOptions {
     std::string address;
     std::vector<std::string> names;
@@ -183,7 +150,7 @@ int run_params_set(const ParamsSetOptions& options, const GlobalOptions& global)
         if (values.count(id) == 0) ids.push_back(id);
         values[id] = value;
     }
-    check_values(std::vector<std::pair<Parameter, float>>(values.begin(), values.end()), options.force, "");
+    check_parameter_values(ParameterValues(values.begin(), values.end()), options.force, "");
     Session session(global, address, OnExit::LeaveAsFound);
     session.actuator().set_parameters(values);
     // What the device holds now, which is what took effect.
@@ -193,35 +160,15 @@ int run_params_set(const ParamsSetOptions& options, const GlobalOptions& global)
 
 // ---------------------------------------------------------------- params dump / load
 
-// A parameter value as JSON: whole numbers for integer parameters, and the
-// shortest decimal that reads back as the same float for the others (0.1,
-// not 0.100000001490116).
-nlohmann::ordered_json json_parameter_value(Parameter id, float value) {
-    if (!std::isfinite(value)) return nullptr;
-    if (parameter_is_integer(id) && value == std::trunc(value)) return static_cast<long long>(value);
-    return std::stod(format_value(value));
+// A parameters file of `ids` with the values `values` holds for them.
+std::string parameters_text(int address, const std::vector<Parameter>& ids, const ParameterMap& values) {
+    ParameterValues entries;
+    for (const auto id : ids) entries.emplace_back(id, values.at(id));
+    return parameters_file_text(address, entries);
 }
 
-nlohmann::ordered_json parameters_document(int address, const std::vector<Parameter>& ids, const ParameterMap& values) {
-    nlohmann::ordered_json document;
-    document["address"] = hex(address);
-    document["parameters"] = nlohmann::ordered_json::array();
-    for (const auto id : ids) {
-        document["parameters"].push_back({{"name", std::string(ocp_api::parameter_name(id))},
-                                          {"code", code_text(id)},
-                                          {"value", json_parameter_value(id, values.at(id))}});
-    }
-    return document;
-}
-
-// Writes the document to `path`, or to standard output when it is empty.
-void write_document(const nlohmann::ordered_json& document, const std::string& path) {
-    // One parameter a line, so that the file reads (and diffs) like a table.
-    std::string text = "{\n  \"address\": " + document["address"].dump() + ",\n  \"parameters\": [\n";
-    const auto& parameters = document["parameters"];
-    for (std::size_t i = 0; i < parameters.size(); ++i)
-        text += "    " + parameters[i].dump() + (i + 1 < parameters.size() ? ",\n" : "\n");
-    text += "  ]\n}\n";
+// Writes the text to `path`, or to standard output when it is empty.
+void write_document(const std::string& text, const std::string& path) {
     if (path.empty()) {
         std::fputs(text.c_str(), stdout);
         return;
@@ -250,7 +197,7 @@ int run_params_dump(const ParamsDumpOptions& options, const GlobalOptions& globa
     check_writable(options.out);
     const std::vector<Parameter> ids(ocp_api::OrreryActuator::ALL_PARAMETERS.begin(), ocp_api::OrreryActuator::ALL_PARAMETERS.end());
     Session session(global, address, OnExit::LeaveAsFound);
-    write_document(parameters_document(address, ids, read_parameters(session, address, ids, global.timeout_s)), options.out);
+    write_document(parameters_text(address, ids, read_parameters(session, address, ids, global.timeout_s)), options.out);
     return 0;
 }
 
@@ -261,37 +208,6 @@ struct ParamsLoadOptions {
     bool save = false;
     bool force = false;
 };
-
-// A parameters file is a few kilobytes; anything near this is not one.
-constexpr std::uintmax_t MAX_PARAMETERS_FILE_BYTES = 1 << 20;
-
-// One entry of a parameters file: {"name": ..., "code": ..., "value": ...}
-// (either name or code suffices), or "NAME": value in an object.
-Parameter entry_parameter(const nlohmann::json& entry, const std::string& where) {
-    const bool has_name = entry.contains("name"), has_code = entry.contains("code");
-    if (!has_name && !has_code) throw UsageError(where + " has neither a name nor a code");
-    if (has_name && !entry["name"].is_string()) throw UsageError(where + ": name is not a text");
-    if (has_code && !entry["code"].is_string()) throw UsageError(where + ": code is not a text such as \"0x04\"");
-    const Parameter id = parse_parameter(has_name ? entry["name"].get<std::string>() : entry["code"].get<std::string>());
-    if (has_name && has_code && parse_parameter(entry["code"].get<std::string>()) != id)
-        throw UsageError(where + ": name " + entry["name"].get<std::string>() + " and code " +
-                         entry["code"].get<std::string>() + " differ");
-    return id;
-}
-
-float entry_value(const nlohmann::json& value, Parameter id, const std::string& where) {
-    if (id == Parameter::MODE && value.is_string()) {
-        if (const auto mode = ocp_api::mode_from_name<Mode>(value.get<std::string>()))
-            return static_cast<float>(ocp_api::code_of(*mode));
-    }
-    if (!value.is_number())
-        throw UsageError(where + ": the value of " + std::string(ocp_api::parameter_name(id)) + " is not a number");
-    const double number = value.get<double>();
-    const auto as_float = static_cast<float>(number);
-    if (!std::isfinite(as_float))
-        throw UsageError(where + ": the value of " + std::string(ocp_api::parameter_name(id)) + " is out of range");
-    return as_float;
-}
 
 // The text of a parameters file, refused before it is opened when it is not
 // a regular file (a directory, or a FIFO that would wait for a writer) and
@@ -317,63 +233,11 @@ std::string read_parameters_text(const std::string& path) {
     return text;
 }
 
-// Parses JSON and refuses a key given twice in one object, which would
-// otherwise silently keep the last.
-nlohmann::json parse_without_duplicate_keys(const std::string& text, const std::string& path) {
-    std::vector<std::set<std::string>> keys;
-    std::string duplicate;
-    const auto watch = [&](int, nlohmann::json::parse_event_t event, nlohmann::json& parsed) {
-        using Event = nlohmann::json::parse_event_t;
-        if (event == Event::object_start) keys.emplace_back();
-        if (event == Event::object_end && !keys.empty()) keys.pop_back();
-        if (event == Event::key && !keys.empty() && !keys.back().insert(parsed.get<std::string>()).second &&
-            duplicate.empty())
-            duplicate = parsed.get<std::string>();
-        return true;
-    };
-    nlohmann::json document;
-    try {
-        document = nlohmann::json::parse(text, watch);
-    } catch (const nlohmann::json::exception& error) {
-        throw UsageError(shorten(path) + " is not JSON: " + error.what());
-    }
-    if (!duplicate.empty()) throw UsageError(shorten(path) + " gives the key \"" + duplicate + "\" twice");
-    return document;
-}
-
 // Reads and checks the whole file; nothing is sent before this succeeds.
-std::vector<std::pair<Parameter, float>> read_parameters_file(const std::string& path, int address, bool force) {
-    const nlohmann::json document = parse_without_duplicate_keys(read_parameters_text(path), path);
-    if (!document.is_object() || !document.contains("parameters"))
-        throw UsageError(shorten(path) + " has no \"parameters\" (write one with ocpctl params dump)");
-    std::vector<std::pair<Parameter, float>> entries;
-    const auto& parameters = document["parameters"];
-    if (parameters.is_array()) {
-        for (std::size_t i = 0; i < parameters.size(); ++i) {
-            const std::string where = shorten(path) + ": entry " + std::to_string(i + 1);
-            if (!parameters[i].is_object()) throw UsageError(where + " is not an object");
-            const Parameter id = entry_parameter(parameters[i], where);
-            if (!parameters[i].contains("value")) throw UsageError(where + " has no value");
-            entries.emplace_back(id, entry_value(parameters[i]["value"], id, where));
-        }
-    } else if (parameters.is_object()) {
-        for (const auto& [name, value] : parameters.items()) {
-            const Parameter id = parse_parameter(name);
-            entries.emplace_back(id, entry_value(value, id, shorten(path)));
-        }
-    } else {
-        throw UsageError(shorten(path) + ": \"parameters\" is neither a list nor an object");
-    }
-    std::set<Parameter> seen;
-    for (const auto& [id, value] : entries) {
-        if (!seen.insert(id).second)
-            throw UsageError(shorten(path) + " gives " + std::string(ocp_api::parameter_name(id)) + " twice");
-        if (id == Parameter::ADDRESS && value != static_cast<float>(address))
-            throw UsageError(shorten(path) + " is for the device at " + describe_value(id, value) + ", not " +
-                             hex(address) + " (ocpctl address moves a device)");
-    }
-    check_values(entries, force, shorten(path));
-    return entries;
+ParameterValues read_parameters_file(const std::string& path, int address, bool force) {
+    ParametersFile file = parse_parameters_file(read_parameters_text(path), path, address, force);
+    if (!file.ok()) throw UsageError(file.error);
+    return std::move(file.entries);
 }
 
 int run_params_load(const ParamsLoadOptions& options, const GlobalOptions& global) {
@@ -400,7 +264,7 @@ int run_params_load(const ParamsLoadOptions& options, const GlobalOptions& globa
         std::printf("%-22s wrote %s, the device holds %s\n", std::string(ocp_api::parameter_name(id)).c_str(),
                     describe_value(id, value).c_str(), describe_value(id, held.at(id)).c_str());
     }
-    if (!options.out.empty()) write_document(parameters_document(address, all, held), options.out);
+    if (!options.out.empty()) write_document(parameters_text(address, all, held), options.out);
     if (differing != 0) {
         std::printf("%s: %zu of %zu parameters differ from the file; nothing saved\n", hex(address).c_str(), differing,
                     entries.size());

@@ -427,7 +427,8 @@ void ScopeServer::install_routes() {
                     if (!sink.write(message.data(), message.size())) return false;
                     bytes_sent_.fetch_add(message.size());
                     presence_.stream_wrote(steady_ns());
-                    for (int slice = 0; slice < 11 && !stopping_.load(); ++slice) std::this_thread::sleep_for(3ms);
+                    // The wait in short slices, so that stopping ends it at once.
+                    for (int slice = 0; slice < DATA_PERIOD / 3ms && !stopping_.load(); ++slice) std::this_thread::sleep_for(3ms);
                 }
                 sink.done();
                 return true;
