@@ -77,7 +77,9 @@ std::string parameter_value_problem(uint8_t code, float value) {
             if (!is_whole(value) || value < 0.0f || value > 255.0f) return "not a preset from 0 to 255";
             return "";
         case static_cast<uint8_t>(Parameter::ADDRESS):
-            if (!is_whole(value) || !wire::is_valid_device_address(static_cast<int>(value)))
+            // Range first: converting a float beyond int's range is undefined.
+            if (!is_whole(value) || !(value >= 0.0f && value <= 65535.0f) ||
+                !wire::is_valid_device_address(static_cast<int>(value)))
                 return "not a device address from 0x10 to 0x3ffe";
             return "";
         case static_cast<uint8_t>(Parameter::CAN_HIGH_SPEED):

@@ -254,6 +254,9 @@ TEST(IdentifierTables, ValuesAParameterCannotHold) {
     EXPECT_EQ(problem(Parameter::DEVICE_80, -1.0f), "not a whole number from 0 to 4294967295");
     EXPECT_EQ(problem(Parameter::DEVICE_84, 4294967296.0f), "not a whole number from 0 to 4294967295");
     EXPECT_EQ(problem(Parameter::ADDRESS, 0x0F), "not a device address from 0x10 to 0x3ffe");
+    EXPECT_EQ(problem(Parameter::ADDRESS, 0x3FFE), "");
+    EXPECT_EQ(problem(Parameter::ADDRESS, 1e20f), "not a device address from 0x10 to 0x3ffe") << "beyond int";
+    EXPECT_EQ(problem(Parameter::ADDRESS, -3e9f), "not a device address from 0x10 to 0x3ffe");
     EXPECT_EQ(problem(Parameter::TORQUE_PERFORMANCE, 256.0f), "not a preset from 0 to 255");
     EXPECT_EQ(problem(Parameter::LIMIT_TORQUE, -2.5f), "");
     EXPECT_EQ(problem(Parameter::LIMIT_TORQUE, INFINITY), "not finite");
