@@ -52,6 +52,19 @@ def running(sim, address):
     return sim.actuator(address).is_running()
 
 
+def set_up_streaming(group, sim, *items, **set_up):
+    """Adds the streaming actuators of `sim` to `group` and sets them up."""
+    bus = aio.Bus(sim)
+    for address in STREAMING:
+        group.add(bus, address)
+    group.set_up(*items, **set_up)
+
+
+def start_streaming(group, sim):
+    group.start_all()
+    assert wait_until(lambda: all(running(sim, address) for address in STREAMING))
+
+
 def stop_after(periods):
     """A period callback that ends the run after `periods` periods and keeps
     every snapshot it saw."""
@@ -109,14 +122,10 @@ def test_an_exception_in_the_callback_stops_every_actuator_and_passes_on(sim):
     calls = []
 
     async def main():
-        bus = aio.Bus(sim)
         async with aio.Group() as group:
-            for address in STREAMING:
-                group.add(bus, address)
-            group.set_up("POS_FB_4C", mode="POSITION")
+            set_up_streaming(group, sim, "POS_FB_4C", mode="POSITION")
             await group.wait_for_feedback(timeout=BOUND_S)
-            group.start_all()
-            assert wait_until(lambda: all(running(sim, address) for address in STREAMING))
+            start_streaming(group, sim)
 
             def period(snapshot, group):
                 calls.append(snapshot.number)
@@ -137,13 +146,9 @@ def test_an_exception_in_the_callback_stops_every_actuator_and_passes_on(sim):
 
 def test_leaving_async_with_stops_every_actuator_however_the_block_ends(sim):
     async def main():
-        bus = aio.Bus(sim)
         async with aio.Group() as group:
-            for address in STREAMING:
-                group.add(bus, address)
-            group.set_up("POS_FB_4C", mode="SPEED")
-            group.start_all()
-            assert wait_until(lambda: all(running(sim, address) for address in STREAMING))
+            set_up_streaming(group, sim, "POS_FB_4C", mode="SPEED")
+            start_streaming(group, sim)
             raise KeyError("the program's own error")
 
     with pytest.raises(KeyError):
@@ -178,13 +183,9 @@ def test_the_watchdog_stops_the_group_when_a_coroutine_callback_hangs(sim):
     events = []
 
     async def main():
-        bus = aio.Bus(sim)
         async with aio.Group() as group:
-            for address in STREAMING:
-                group.add(bus, address)
-            group.set_up("POS_FB_4C", mode="POSITION")
-            group.start_all()
-            assert wait_until(lambda: all(running(sim, address) for address in STREAMING))
+            set_up_streaming(group, sim, "POS_FB_4C", mode="POSITION")
+            start_streaming(group, sim)
 
             async def period(snapshot, group):
                 events.append("period")
@@ -209,13 +210,9 @@ def test_the_watchdog_stops_the_group_when_a_coroutine_callback_hangs(sim):
 
 def test_the_watchdog_trips_when_something_else_blocks_the_event_loop_between_periods(sim):
     async def main():
-        bus = aio.Bus(sim)
         async with aio.Group() as group:
-            for address in STREAMING:
-                group.add(bus, address)
-            group.set_up("POS_FB_4C", mode="POSITION")
-            group.start_all()
-            assert wait_until(lambda: all(running(sim, address) for address in STREAMING))
+            set_up_streaming(group, sim, "POS_FB_4C", mode="POSITION")
+            start_streaming(group, sim)
             calls = []
 
             def period(snapshot, group):
@@ -236,13 +233,9 @@ def test_the_watchdog_trips_when_something_else_blocks_the_event_loop_between_pe
 
 def test_the_watchdog_thread_stops_every_actuator_while_a_callback_blocks_the_event_loop(sim):
     async def main():
-        bus = aio.Bus(sim)
         async with aio.Group() as group:
-            for address in STREAMING:
-                group.add(bus, address)
-            group.set_up("POS_FB_4C", mode="POSITION")
-            group.start_all()
-            assert wait_until(lambda: all(running(sim, address) for address in STREAMING))
+            set_up_streaming(group, sim, "POS_FB_4C", mode="POSITION")
+            start_streaming(group, sim)
             seen_from_inside = []
 
             def period(snapshot, group):
