@@ -4,6 +4,7 @@
 // take its usual course by restoring the earlier disposition and sending the
 // signal to the process again.
 #include <fcntl.h>
+#include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -37,6 +38,22 @@ extern "C" void on_guarded_signal(int signal_number) {
         [[maybe_unused]] const ssize_t written = write(fd, &byte, 1);
     }
     errno = saved_errno;
+}
+
+// Sends the signal to this thread, with it unblocked here for that moment.
+// An action that ends the process then happens before this thread does
+// anything more. Sent to the process instead, the signal would go to another
+// thread while this one carried on, and a core-dumping signal (SIGQUIT) does
+// not end the process at once: the loop could end and the program go on.
+// Returns when the signal was caught or ignored.
+void raise_on_this_thread(int signal_number) {
+    sigset_t only;
+    sigset_t previous_mask;
+    sigemptyset(&only);
+    sigaddset(&only, signal_number);
+    pthread_sigmask(SIG_UNBLOCK, &only, &previous_mask);
+    pthread_kill(pthread_self(), signal_number);
+    pthread_sigmask(SIG_SETMASK, &previous_mask, nullptr);
 }
 
 }  // namespace
@@ -123,7 +140,7 @@ void SignalGuard::run() {
                 resend = true;
             }
         }
-        if (resend) kill(getpid(), signal_number);
+        if (resend) raise_on_this_thread(signal_number);
         // Still here: the signal was caught or ignored before the guard. The
         // actuators are stopped, so the loop has nothing left to do.
         if (state_->runner) state_->runner->request_stop();
