@@ -18,6 +18,8 @@
 #include <stdexcept>
 #include <vector>
 
+#include "can/ring_queue.hpp"
+
 namespace ocp_api {
 
 namespace {
@@ -293,7 +295,7 @@ private:
     const std::shared_ptr<Shared> shared_;
     const bool fd_;
     std::condition_variable arrived_;
-    std::deque<CanLinkEvent> inbox_;
+    can::RingQueue<CanLinkEvent> inbox_;  // keeps its storage: a frame in or out allocates nothing
     bool woken_ = false;
 
     // The controller, with timing.
