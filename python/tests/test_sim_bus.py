@@ -57,6 +57,9 @@ def test_parameters_round_trip_and_survive_a_power_cycle_only_when_saved(sim_bus
     assert joint.get_parameters([P.LIMIT_TORQUE], 2.0) == {P.LIMIT_TORQUE: 10.0}
     joint.set_parameters({P.LIMIT_TORQUE: 2.5})
     joint.save_config()
+    # Commands are only queued for the bus's worker; an answered request sent
+    # after them shows the device has handled them before it is power-cycled.
+    assert joint.get_parameters([P.LIMIT_TORQUE], 2.0) == {P.LIMIT_TORQUE: 2.5}
     device.power_cycle()
     assert joint.get_parameters([P.LIMIT_TORQUE], 2.0) == {P.LIMIT_TORQUE: 2.5}
     everything = joint.get_parameters_all()
